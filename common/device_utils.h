@@ -1,0 +1,28 @@
+/* Discovery of the adapter devices that the zdt tool family makes addressable. */
+#ifndef VYR_DEVICE_UTILS_H
+#define VYR_DEVICE_UTILS_H
+
+#include <string>
+#include <vector>
+
+namespace vyr {
+namespace common {
+
+/* True when /dev/zdt opens and holds no character device or symbolic link. */
+bool is_zdt_dir_empty();
+
+/* Fills `names` with the devices of "zdt status -v" whose /dev/zdt entry exists. */
+bool device_utils_get_zdt_hca_names(std::vector<std::string> &names, bool ethernet_only);
+
+/* Parses the text of a "zdt status -v" report (the part of the enumeration after
+ * the command ran); exposed so the report parsing can be exercised directly. */
+bool device_utils_parse_zdt_status(const std::string &report, std::vector<std::string> &names,
+                                   bool ethernet_only);
+
+bool device_utils_get_hca_protocol(const std::string &name, bool &is_infiniband,
+                                   bool &is_ethernet);
+
+}  // namespace common
+}  // namespace vyr
+
+#endif

@@ -1,0 +1,13 @@
+// Initialization: one header run per device, one event type per distinct header.
+#pragma once
+
+#include "tarvik_provider.h"
+
+// Fixed leading part of every event: timestamp, event_name, device_name.
+#define TARVIK_EVENT_FIXED_SIZE 136
+#define TARVIK_EVENT_NAME_OFFSET 8
+#define TARVIK_DEVICE_NAME_OFFSET 72
+#define TARVIK_TEXT_SIZE 64
+#define TARVIK_EVENT_NAME "tarvik_event"
+
+bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_t *ts);

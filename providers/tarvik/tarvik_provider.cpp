@@ -1,0 +1,304 @@
+#include "tarvik_provider.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+
+#include "device_utils.h"
+#include "tarvik_collect.h"
+#include "tarvik_delivery.h"
+#include "tarvik_initialize.h"
+#include "tarvik_service.h"
+#include "vyr_logger.h"
+
+extern char **environ;
+
+static_assert(offsetof(vyr_event_provider_t, version) == 0, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, name) == 8, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, description) == 16, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, initialize) == 32, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, start) == 48, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, write_events) == 56, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, stop) == 64, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, destroy) == 72, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, get_sources) == 80, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, query) == 88, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, host_word13) == 96, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, host_words) == 104, "descriptor layout");
+static_assert(offsetof(vyr_event_provider_t, schema_index) == 144, "descriptor layout");
+static_assert(sizeof(std::atomic<bool>) == sizeof(bool), "flags keep their plain size");
+static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t), "counters keep their size");
+static_assert(sizeof(std::atomic<uint64_t>) == sizeof(uint64_t), "cursor keeps its size");
+
+// Zero-filled at load; the maps are built by the static initialiser.
+static tarvik_provider_t g_tarvik_provider;
+
+tarvik_provider_t *tarvik_provider_instance() { return &g_tarvik_provider; }
+
+tarvik_provider_t::~tarvik_provider_t() {
+    devices.clear();
+    type_infos.clear();
+}
+
+uint64_t tarvik_now_usec() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    uint64_t sec = (uint64_t)ts.tv_sec;
+    uint64_t usec = (uint64_t)ts.tv_nsec / 1000;
+    if ((uint64_t)ts.tv_nsec > 999999999) {
+        sec += 1;
+        usec -= 1000000;
+    }
+    return sec * 1000000 + usec;
+}
+
+int tarvik_run_shell(const char *command) {
+    if (!command) return -1;
+    posix_spawnattr_t attr;
+    posix_spawn_file_actions_t actions;
+    if (posix_spawnattr_init(&attr) != 0) return -1;
+    if (posix_spawn_file_actions_init(&actions) != 0) {
+        posix_spawnattr_destroy(&attr);
+        return -1;
+    }
+    // The tool gets default signal handling and sees only stdin/out/err.
+    sigset_t none, defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    sigaddset(&defaults, SIGPIPE);
+    sigaddset(&defaults, SIGTERM);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    char sh[] = "sh", dash_c[] = "-c";
+    char *argv[] = {sh, dash_c, const_cast<char *>(command), nullptr};
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) return -1;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return status;
+}
+
+static void free_and_clear(char *&text) {
+    free(text);
+    text = nullptr;
+}
+
+void tarvik_provider_add_device(const char *name, int32_t max_errors) {
+    tarvik_provider_t *p = &g_tarvik_provider;
+    const std::string dev_name = name;
+    const std::string out_file_path = TARVIK_COLLECT_PREFIX + dev_name + ".csv";
+    const std::string device_path = TARVIK_DEVICE_DIR "/" + dev_name;
+    const std::string base = "phyprobe -d " + device_path + " --tarvik_collect " +
+                             out_file_path + " --tarvik_rewrite";
+    const std::string service = base + " --service_start " +
+                                std::to_string(p->update_interval_sec) +
+                                " --service_iterations " +
+                                std::to_string(TARVIK_SERVICE_ITERATIONS) + " > /dev/null";
+    const std::string command = base + " > /dev/null";
+
+    // A failed copy returns at once; the copies made so far stay allocated.
+    char *c_name = strdup(dev_name.c_str());
+    if (!c_name) {
+        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for device name",
+                  "tarvik_provider_add_device", name);
+        return;
+    }
+    char *c_device_path = strdup(device_path.c_str());
+    if (!c_device_path) {
+        VYR_ERROR("[tarvik provider] [%s][%s] Failed to allocate memory for device path",
+                  "tarvik_provider_add_device", name);
+        return;
+    }
+    char *c_out_file_path = strdup(out_file_path.c_str());
+    if (!c_out_file_path) {
+        VYR_ERROR("[tarvik provider] [%s][%s] Failed to allocate memory for out filepath",
+                  "tarvik_provider_add_device", name);
+        return;
+    }
+    char *c_command = strdup(command.c_str());
+    if (!c_command) {
+        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for command",
+                  "tarvik_provider_add_device", name);
+        return;
+    }
+    char *c_service_command = strdup(service.c_str());
+    if (!c_service_command) {
+        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for service command",
+                  "tarvik_provider_add_device", name);
+        return;
+    }
+
+    // A second registration of a name overwrites the whole record; the old
+    // record's resources are not released.
+    tarvik_provider_dev_info_t &d = p->devices[dev_name];
+    d.name = c_name;
+    d.device_path = c_device_path;
+    d.disabled = false;
+    d.out_file_path = c_out_file_path;
+    d.out_file = nullptr;
+    d.command = c_command;
+    d.service_command = c_service_command;
+    d.event_cache = nullptr;
+    d.new_data = false;
+    d.header_id = nullptr;
+    d.header_offset = 0;
+    d.parser = nullptr;
+    d.event_lock = PTHREAD_MUTEX_INITIALIZER;
+    d.service_thread = 0;
+    d.service_stop = false;
+    d.parse_errors = 0;
+    d.max_errors = max_errors;
+    d.update_interval_sec = p->update_interval_sec;
+
+    VYR_INFO("[tarvik provider] Device %s will be collected to file %s", d.device_path,
+             d.out_file_path);
+}
+
+// Splits at every comma like a stream read up to each separator: no trimming,
+// empty pieces kept, nothing after a final comma, nothing for an empty text.
+static std::vector<std::string> split_device_list(const std::string &text) {
+    std::vector<std::string> pieces;
+    std::istringstream in(text);
+    std::string piece;
+    while (std::getline(in, piece, ',')) pieces.push_back(piece);
+    return pieces;
+}
+
+extern "C" vyr_event_provider_t *construct_event_provider(vyr_dict_t *params) {
+    tarvik_provider_t *p = &g_tarvik_provider;
+    vyr_event_provider_t *d = &p->provider;
+    d->version = 1;
+    d->name = TARVIK_PROVIDER_NAME;
+    d->description = TARVIK_PROVIDER_DESCRIPTION;
+    d->initialize = tarvik_provider_initialize;
+    d->start = tarvik_provider_start;
+    d->write_events = tarvik_provider_write_events;
+    d->stop = tarvik_provider_stop;
+    d->destroy = tarvik_provider_destroy;
+    d->get_sources = tarvik_provider_get_sources;
+    d->query = tarvik_provider_query;
+    d->host_word13 = 0;
+    p->collect_thread = 0;
+    p->stop_requested = false;
+    p->write_callbacks[0] = tarvik_provider_write_source_events;
+    p->update_interval_sec = TARVIK_DEFAULT_INTERVAL_SEC;
+
+    // Conversion errors (std::invalid_argument / std::out_of_range carrying
+    // "stoull" or "stoi") are not caught: the host sees them.
+    const char *interval = vyr_dict_get(params, "tarvik_update_interval_sec");
+    if (interval) p->update_interval_sec = std::stoull(interval, nullptr, 10);
+    VYR_INFO("[tarvik provider] Update interval is set to %lu sec",
+             (unsigned long)p->update_interval_sec);
+
+    p->run_as_service = true;
+    const char *as_service = vyr_dict_get(params, "tarvik_phyprobe_as_service");
+    if (as_service) p->run_as_service = std::stoi(as_service, nullptr, 10) != 0;
+    if (p->run_as_service)
+        VYR_INFO("[tarvik provider] phyprobe will run as service");
+    else
+        VYR_INFO("[tarvik provider] phyprobe will on each iteration");
+
+    int32_t max_errors = TARVIK_DEFAULT_MAX_ERRORS;
+    const char *max_errors_text = vyr_dict_get(params, "tarvik_max_errors");
+    if (max_errors_text) max_errors = std::stoi(max_errors_text, nullptr, 10);
+
+    const char *wanted = vyr_dict_get(params, "tarvik_devices");
+
+    p->devices.clear();
+
+    std::vector<std::string> discovered;
+    if (!vyr::common::device_utils_get_zdt_hca_names(discovered, false))
+        VYR_ERROR("[tarvik provider] Failed to get allowed devices");
+
+    if (!wanted) {
+        for (const std::string &name : discovered)
+            tarvik_provider_add_device(name.c_str(), max_errors);
+    } else {
+        for (const std::string &piece : split_device_list(wanted)) {
+            bool found = false;
+            for (const std::string &name : discovered)
+                if (name == piece) {
+                    found = true;
+                    break;
+                }
+            if (found)
+                tarvik_provider_add_device(piece.c_str(), max_errors);
+            else
+                VYR_WARN("[tarvik provider] Device %s is set to collect, but not supported",
+                         piece.c_str());
+        }
+    }
+    return d;
+}
+
+vyr_source_array_t *tarvik_provider_get_sources(vyr_event_provider_t *) {
+    vyr_source_array_t *array = vyr_create_source_array();
+    if (!array) return nullptr;
+    vyr_source_t *source = vyr_create_default_source(TARVIK_PROVIDER_NAME);
+    if (!source) {
+        vyr_destroy_source_array(array);
+        return nullptr;
+    }
+    if (!vyr_source_array_append(array, source)) {
+        vyr_destroy_source_array(array);
+        vyr_destroy_source(source);
+        return nullptr;
+    }
+    return array;
+}
+
+int tarvik_provider_write_events(vyr_event_provider_t *provider, uint16_t source_index,
+                                 vyr_data_serializer_t *serializer) {
+    // The host passes only indexes of sources that get_sources returned.
+    tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
+    return p->write_callbacks[source_index](p, serializer);
+}
+
+bool tarvik_provider_query(vyr_event_provider_t *, void *, vyr_provider_query_record_t *record) {
+    record->value = 7;
+    record->reserved32 = 0;
+    record->reserved16 = 0;
+    return true;
+}
+
+void tarvik_provider_destroy(vyr_event_provider_t *provider) {
+    tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
+    for (auto &entry : p->devices) {
+        tarvik_provider_dev_info_t &d = entry.second;
+        free_and_clear(d.name);
+        free_and_clear(d.device_path);
+        free_and_clear(d.out_file_path);
+        free_and_clear(d.command);
+        free(d.event_cache);
+        d.event_cache = nullptr;
+        if (d.out_file) {
+            fclose(d.out_file);
+            d.out_file = nullptr;
+        }
+        if (d.parser) {
+            delete d.parser->typesInfo;
+            delete d.parser;
+            d.parser = nullptr;
+        }
+        free_and_clear(d.header_id);
+        // service_command is deliberately not freed.
+    }
+    p->devices.clear();
+}

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: a normal build, an
+# AddressSanitizer+UndefinedBehaviorSanitizer build, and the threaded tests
+# under ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+JOBS=$(nproc)
+
+bash scripts/setup.sh
+
+build() {  # build DIR [cmake args...]
+  local dir=$1; shift
+  cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir" -j "$JOBS"
+}
+
+echo "== normal build"
+build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+(cd build && ctest --output-on-failure -j "$JOBS")
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+build build-asan -DCMAKE_BUILD_TYPE=Debug -DVYR_SANITIZE=address
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1 \
+  LSAN_OPTIONS=suppressions=$ROOT/tests/support/lsan.supp:print_suppressions=0 \
+  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --output-on-failure -j "$JOBS")
+
+echo "== ThreadSanitizer build (threaded tests)"
+build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVYR_SANITIZE=thread
+(cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --output-on-failure -j "$JOBS" -L threads)

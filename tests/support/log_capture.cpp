@@ -1,0 +1,78 @@
+#include "log_capture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <sstream>
+
+namespace vyrtest {
+namespace {
+
+std::mutex g_mutex;
+std::vector<LogLine> g_lines;
+
+void capture(int level, const char *format, ...) {
+    char small[1024];
+    va_list ap;
+    va_start(ap, format);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int n = vsnprintf(small, sizeof small, format, ap);
+    va_end(ap);
+    std::string text;
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        text.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(&text[0], text.size(), format, ap2);
+        text.resize(static_cast<size_t>(n));
+    }
+    va_end(ap2);
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back({level, std::move(text)});
+}
+
+}  // namespace
+
+LogCapture::LogCapture(int level) {
+    clear();
+    vyr_set_log_func(capture, level);
+}
+
+LogCapture::~LogCapture() {
+    vyr_set_log_func(nullptr, 0);
+    vyr_init_stderr_logger(0);
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_lines;
+}
+
+size_t LogCapture::count(int level, const std::string &text) const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    size_t n = 0;
+    for (const auto &l : g_lines)
+        if (l.level == level && l.text == text) ++n;
+    return n;
+}
+
+bool LogCapture::contains_fragment(const std::string &fragment) const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const auto &l : g_lines)
+        if (l.text.find(fragment) != std::string::npos) return true;
+    return false;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.clear();
+}
+
+std::string LogCapture::dump() const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    std::ostringstream out;
+    for (const auto &l : g_lines) out << "  <" << l.level << "> " << l.text << "\n";
+    return out.str();
+}
+
+}  // namespace vyrtest

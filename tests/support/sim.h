@@ -1,0 +1,70 @@
+// Helpers for tests that ns_run.sh runs in a private namespace: /dev/zdt
+// entries, sysfs attributes, and the settings and logs of the simulated zdt
+// and phyprobe (tools/sim, documented in its README.md).
+//
+// Every function first checks that it runs inside that namespace and aborts
+// the test program otherwise, so a test started by hand can never create
+// /dev/zdt or sysfs files on the host.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vyrtest {
+namespace sim {
+
+// Inside ns_run.sh's namespace: VYR_TEST_NAMESPACE=1 and /dev, /tmp and
+// /sys/class are private tmpfs mounts.
+bool in_namespace();
+// Aborts the program with a message when not in_namespace().
+void require_namespace();
+
+// Back to a clean slate: drops every ZDT_SIM_* and PHYPROBE_SIM_* setting,
+// leaves an empty /dev/zdt, empty /sys/class/net and /sys/class/infiniband,
+// removes /tmp/tarvik_collect_*, the simulators' logs and run counters, and
+// turns the zdt call log and the phyprobe argv log on (zdt_calls(),
+// phyprobe_argv_log()).
+void reset();
+
+// /dev/zdt and its entries.
+void make_zdt_dir();
+void remove_zdt_dir();
+void clear_zdt_dir();
+void add_zdt_char_device(const std::string &name);  // the null device's numbers
+void add_zdt_symlink(const std::string &name, const std::string &target = "/dev/null");
+void add_zdt_file(const std::string &name);  // a regular file, which is no device
+void add_zdt_subdir(const std::string &name);
+void remove_zdt_entry(const std::string &name);
+std::vector<std::string> zdt_entries();      // sorted, without "." and ".."
+std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries
+
+// sysfs: content is written verbatim ("1\n" is an Ethernet interface).
+void set_net_type(const std::string &ifname, const std::string &content);
+void remove_net(const std::string &ifname);
+void set_link_layer(const std::string &hca, const std::string &content);
+
+// The simulated zdt.
+void set_zdt_devices(const std::string &spec);  // ZDT_SIM_DEVICES, "name,type,ifname;..."
+void set_zdt_report(const std::string &bytes);  // "zdt status" prints these bytes verbatim
+std::vector<std::string> zdt_calls();           // one line per zdt run, e.g. "zdt status -v"
+
+// One adapter as the system would show it: a /dev/zdt character device, an
+// entry in ZDT_SIM_DEVICES and, when ifname is not empty, the interface's
+// sysfs type (1 = Ethernet). type is a ZDT_SIM_DEVICES type or alias.
+void add_device(const std::string &name, const std::string &type = "arcline",
+                const std::string &ifname = "", int link_type = 1);
+
+// The simulated phyprobe: PHYPROBE_SIM_<knob>, or PHYPROBE_SIM_<knob>__<device>
+// when a device is given.
+void set_phyprobe_knob(const std::string &knob, const std::string &value,
+                       const std::string &device = "");
+void clear_phyprobe_knob(const std::string &knob, const std::string &device = "");
+std::vector<std::string> phyprobe_argv_log();  // one line per run: "phyprobe -d ..."
+// Turns the descriptor report on; returns the log's path.
+std::string enable_phyprobe_fd_log();
+
+// Lines of a text file (no line feeds); empty when the file does not exist.
+std::vector<std::string> read_lines(const std::string &path);
+
+}  // namespace sim
+}  // namespace vyrtest

@@ -1,0 +1,152 @@
+// Round-robin delivery of the latest event of every ready device.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "log_capture.h"
+#include "tarvik_delivery.h"
+#include "tarvik_provider.h"
+#include "vyr_schema.h"
+#include "vyr_serializer.h"
+#include "vyr_type_system.h"
+
+namespace {
+
+constexpr size_t kEventSize = 136;
+
+class Delivery : public ::testing::Test {
+protected:
+    void SetUp() override {
+        p = tarvik_provider_instance();
+        p->devices.clear();
+        p->type_infos.clear();
+        p->next_device = 0;
+        p->provider.schema_index = 0;
+        ts = vyr_create_type_system();
+        ASSERT_NE(ts, nullptr);
+        schema = vyr_type_system_add_schema(ts, "tarvik", 1, nullptr);
+        ASSERT_NE(schema, nullptr);
+        vyr_type_field_info_t f[] = {
+            {"timestamp", "Event timestamp", "timestamp", VYR_VALUE_ABSOLUTE, 1},
+            {"event_name", "Event name", "char", VYR_VALUE_ABSOLUTE, 64},
+            {"device_name", "Device name", "char", VYR_VALUE_ABSOLUTE, 64},
+        };
+        uint8_t idx = 0xFF;
+        ASSERT_EQ(vyr_schema_add_type(schema, "tarvik_event_0", f, 3, &idx), 0);
+        tarvik_schema_type_info_t info;
+        info.type_index = idx;
+        info.event_size = kEventSize;
+        p->type_infos["h"] = info;
+        schemas[0] = schema;
+    }
+    void TearDown() override {
+        for (auto &e : p->devices) {
+            free(e.second.name);
+            free(e.second.header_id);
+            free(e.second.event_cache);
+        }
+        p->devices.clear();
+        p->type_infos.clear();
+        p->next_device = 0;
+        vyr_destroy_type_system(ts);
+    }
+    void add(const std::string &name, bool ready, bool disabled = false) {
+        auto &d = p->devices[name];
+        d.name = strdup(name.c_str());
+        d.header_id = strdup("h");
+        d.event_cache = static_cast<uint8_t *>(calloc(1, kEventSize));
+        strcpy(reinterpret_cast<char *>(d.event_cache) + 72, name.c_str());
+        d.new_data = ready;
+        d.disabled = disabled;
+    }
+    // Device names of the blocks in the buffer, in order.
+    std::vector<std::string> written(const vyr_data_serializer_t &ser) {
+        std::vector<std::string> names;
+        for (uint64_t pos = 0; pos < ser.used;) {
+            vyr_event_block_header_t h;
+            memcpy(&h, ser.buffer + pos, sizeof h);
+            EXPECT_EQ(std::string(h.magic, 4), "VYRE");
+            EXPECT_EQ(h.count, 1);
+            names.emplace_back(reinterpret_cast<const char *>(ser.buffer + pos + 16 + 72));
+            pos += 16 + kEventSize * h.count;
+        }
+        return names;
+    }
+    vyr_data_serializer_t serializer(uint8_t *buf, uint64_t cap) {
+        return vyr_data_serializer_t{schemas, buf, cap, 0};
+    }
+    tarvik_provider_t *p = nullptr;
+    vyr_type_system_t *ts = nullptr;
+    vyr_schema_t *schema = nullptr;
+    vyr_schema_t *schemas[1] = {nullptr};
+};
+
+TEST_F(Delivery, NoDevicesReturnsZeroAndKeepsCursor) {
+    uint8_t buf[1024];
+    auto ser = serializer(buf, sizeof buf);
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(p->next_device, 0u);
+    EXPECT_EQ(ser.used, 0u);
+}
+
+TEST_F(Delivery, ResumesAtTheDeviceThatDidNotFit) {
+    add("a", true);
+    add("b", true);
+    add("c", true);
+    uint8_t buf[2 * (16 + kEventSize) + 10];
+    auto ser = serializer(buf, sizeof buf);
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
+    EXPECT_EQ(p->next_device, 2u);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "b"}));
+
+    ser.used = 0;
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(p->next_device, 3u);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"c"}));
+
+    ser.used = 0;
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(Delivery, PassesDevicesWithoutDataOrDisabled) {
+    add("a", false);
+    add("b", true, true);
+    add("c", true);
+    uint8_t buf[4096];
+    auto ser = serializer(buf, sizeof buf);
+    vyrtest::LogCapture log;
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"c"}));
+    EXPECT_EQ(p->next_device, 3u);
+    EXPECT_TRUE(log.contains(7, "[tarvik provider] Writing event for device c"));
+    EXPECT_FALSE(log.contains_fragment("device a"));
+}
+
+TEST_F(Delivery, BlockBytesAsTheHostReceivesThem) {
+    add("dev", true);
+    uint64_t ts = 0x0102030405060708ull;
+    memcpy(p->devices["dev"].event_cache, &ts, 8);
+    uint8_t buf[512];
+    auto ser = serializer(buf, sizeof buf);
+    p->write_callbacks[0] = tarvik_provider_write_source_events;  // as construct sets it
+    ASSERT_EQ(tarvik_provider_write_events(&p->provider, 0, &ser), 0);
+    ASSERT_EQ(ser.used, 16 + kEventSize);
+    EXPECT_EQ(0, memcmp(buf, "VYRE", 4));
+    EXPECT_EQ(buf[12], 0);  // schema index
+    EXPECT_EQ(buf[13], 0);  // type index, little-endian 16-bit
+    EXPECT_EQ(buf[14], 0);
+    EXPECT_EQ(buf[15], 1);  // count
+    EXPECT_EQ(0, memcmp(buf + 16, p->devices["dev"].event_cache, kEventSize));
+}
+
+TEST_F(Delivery, SameEventIsHandedOverAgain) {
+    add("a", true);
+    uint8_t buf[1024];
+    auto ser = serializer(buf, sizeof buf);
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "a"}));
+}
+
+}  // namespace
