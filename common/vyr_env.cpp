@@ -23,8 +23,9 @@ const char *vyr_getenv(const char *name) {
         plain = name;
     }
     // The logger reads its level through this lookup: logging about that one
-    // variable would recurse into logger initialisation.
-    bool quiet = strcmp(prefixed, "VYR_API_LOG_LEVEL") == 0;
+    // name would recurse into logger initialisation. Only the exact name the
+    // logger uses is quiet; a lookup of "API_LOG_LEVEL" logs like any other.
+    bool quiet = strcmp(name, "VYR_API_LOG_LEVEL") == 0;
     const char *prefixed_value = getenv(prefixed);
     const char *plain_value = getenv(plain);
     const char *result = NULL;

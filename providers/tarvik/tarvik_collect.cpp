@@ -13,21 +13,6 @@
 #include "tarvik_initialize.h"
 #include "vyr_logger.h"
 
-void tarvik_split_line(std::string_view line, std::vector<std::string_view> &tokens) {
-    tokens.clear();
-    size_t start = 0;
-    while (start < line.size()) {
-        const void *hit = memchr(line.data() + start, ',', line.size() - start);
-        if (!hit) {
-            tokens.push_back(line.substr(start));
-            return;
-        }
-        size_t comma = (size_t)((const char *)hit - line.data());
-        tokens.push_back(line.substr(start, comma - start));
-        start = comma + 1;
-    }
-}
-
 // strtoull/strtod need a terminated text; tokens are views into the line.
 template <typename F>
 static auto with_c_string(std::string_view token, F convert) {
@@ -125,7 +110,7 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
                          const std::string &line) {
     const char *fn = "tarvik_csv_to_event";
     static thread_local std::vector<std::string_view> tokens;
-    tarvik_split_line(line, tokens);
+    tarvikSplitCsvView(line, tokens);
 
     auto it = p->type_infos.find(dev->header_id);
     if (it == p->type_infos.end()) it = p->type_infos.emplace(dev->header_id, tarvik_schema_type_info_t()).first;

@@ -17,9 +17,6 @@ bool get_csv_line_by_offset(const char *path, uint64_t offset, std::string &line
 bool tarvik_csv_to_event(tarvik_provider_t *provider, tarvik_provider_dev_info_t *device,
                          const std::string &line);
 
-// Splits a value line at commas: no quoting, no trimming, an empty piece
-// between two commas, none after a final comma, none for an empty line.
-void tarvik_split_line(std::string_view line, std::vector<std::string_view> &tokens);
 // Value conversions with strtoull/strtod results: 0 on no number or out of range.
 uint64_t tarvik_token_to_u64(std::string_view token);
 double tarvik_token_to_double(std::string_view token);

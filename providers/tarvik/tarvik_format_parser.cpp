@@ -15,19 +15,26 @@ bool isUnsignedDecimal(const std::string &text) {
     return true;
 }
 
-void tarvikSplitCsvLine(const std::string &line, std::vector<std::string> *fields) {
+void tarvikSplitCsvView(std::string_view line, std::vector<std::string_view> &tokens) {
     // Same result as extracting comma-terminated pieces from a string stream until one
     // fails: the piece after a final comma is empty and at end of input, so it is dropped.
+    tokens.clear();
     size_t pos = 0;
     while (pos < line.size()) {
         size_t comma = line.find(',', pos);
-        if (comma == std::string::npos) {
-            fields->push_back(line.substr(pos));
+        if (comma == std::string_view::npos) {
+            tokens.push_back(line.substr(pos));
             break;
         }
-        fields->push_back(line.substr(pos, comma - pos));
+        tokens.push_back(line.substr(pos, comma - pos));
         pos = comma + 1;
     }
+}
+
+void tarvikSplitCsvLine(const std::string &line, std::vector<std::string> *fields) {
+    std::vector<std::string_view> tokens;
+    tarvikSplitCsvView(line, tokens);
+    for (std::string_view t : tokens) fields->emplace_back(t);
 }
 
 TarvikFormatParser::TarvikFormatParser(const std::string &filePath,

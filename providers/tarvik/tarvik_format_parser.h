@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <istream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 typedef int32_t tarvik_field_type_t;
@@ -23,6 +24,8 @@ bool isUnsignedDecimal(const std::string &text);
 // empty field between adjacent commas, none after a final comma, none for an empty line.
 // The collection loop splits later value lines with it too.
 void tarvikSplitCsvLine(const std::string &line, std::vector<std::string> *fields);
+// The same split into views of `line`; `tokens` is emptied first.
+void tarvikSplitCsvView(std::string_view line, std::vector<std::string_view> &tokens);
 
 class TarvikFormatParser {
   public:

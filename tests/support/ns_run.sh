@@ -47,6 +47,7 @@ if [ "${1:-}" = "--inside" ]; then
     mount -t tmpfs -o mode=1777 ns_run_tmp /tmp || fail "cannot mount a tmpfs on /tmp"
     mount -t tmpfs -o mode=755 ns_run_sysclass /sys/class || fail "cannot mount a tmpfs on /sys/class"
     is_tmpfs /tmp && is_tmpfs /sys/class || fail "/tmp or /sys/class is not a tmpfs"
+    mkdir /sys/class/net /sys/class/infiniband
     set +e
 
     export PATH="$REPO/tools/sim:$PATH"

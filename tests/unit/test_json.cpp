@@ -436,12 +436,6 @@ TEST(JsonParse, NumbersAreAlwaysReal) {
     EXPECT_EQ(json_real_value(json_array_get(v.v, 2)), 18446744073709551616.0);
 }
 
-TEST(JsonParse, EmbeddedNulKeepsItsLength) {
-    Json v(vyr_json_parse_string("\"a\\u0000b\""));
-    ASSERT_NE(v.v, nullptr);
-    EXPECT_EQ(json_string_length(v.v), 3u);
-}
-
 TEST(JsonParse, FileWithBomAndTrailingBytes) {
     char path[] = "/tmp/h2a_json_XXXXXX";
     int fd = mkstemp(path);

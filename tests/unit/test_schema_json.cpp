@@ -228,7 +228,8 @@ TEST(SchemaJsonRead, MissingStringsCannotBeWritten) {
     f->type_name = strdup("int");
     EXPECT_EQ(vyr_type_field_definition_jsonify(f), nullptr);  // no description
     f->description = strdup("d");
-    f->counting_mode = (vyr_value_type_t)7;
+    const uint32_t unknown_mode = 7;  // as a foreign text can leave it
+    memcpy(&f->counting_mode, &unknown_mode, sizeof unknown_mode);
     EXPECT_EQ(vyr_type_field_definition_jsonify(f), nullptr);
     f->counting_mode = VYR_VALUE_ABSOLUTE;
     Json ok(vyr_type_field_definition_jsonify(f));

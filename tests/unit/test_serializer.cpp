@@ -258,15 +258,4 @@ TEST(Serializer, MagicValues) {
     EXPECT_FALSE(vyr_magic_value_match(m, d));
 }
 
-TEST(Serializer, TimeIsMicroseconds) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t lo = uint64_t(ts.tv_sec) * 1000000 + uint64_t(ts.tv_nsec) / 1000;
-    uint64_t now = vyr_time_now_usec();
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t hi = uint64_t(ts.tv_sec) * 1000000 + uint64_t(ts.tv_nsec) / 1000;
-    EXPECT_LE(lo, now);
-    EXPECT_GE(hi, now);
-}
-
 }  // namespace

@@ -1,7 +1,8 @@
 // Sources and source arrays: identifiers, range texts and input files.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -408,14 +409,22 @@ TEST_F(SourceFiles, MissingFileIsARangeText) {
         << log.dump();
 }
 
-TEST_F(SourceFiles, UnreadableFile) {
-    if (geteuid() == 0) GTEST_SKIP() << "root opens any file";
-    std::string p = file("locked.txt", "alpha\n");
-    ASSERT_EQ(0, chmod(p.c_str(), 0));
+TEST_F(SourceFiles, UnopenableFile) {
+    // A bound socket exists by name but cannot be opened, even by root.
+    std::string p = dir_ + "/sock";
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(p.size(), sizeof addr.sun_path);
+    std::memcpy(addr.sun_path, p.c_str(), p.size() + 1);
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    files_.push_back(p);
     LogCapture log;
     EXPECT_EQ(nullptr, vyr_create_source_array_from_input(p.c_str()));
     EXPECT_EQ(1u, log.count(VYR_LOG_LEVEL_ERROR, "[source] Failed to open file: " + p))
         << log.dump();
+    close(fd);
 }
 
 }  // namespace

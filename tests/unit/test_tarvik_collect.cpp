@@ -15,32 +15,6 @@
 
 namespace {
 
-std::vector<std::string> split(const std::string &line) {
-    std::vector<std::string_view> tokens;
-    tarvik_split_line(line, tokens);
-    return std::vector<std::string>(tokens.begin(), tokens.end());
-}
-
-TEST(TarvikSplit, FollowsStreamReadRules) {
-    struct Case {
-        std::string line;
-        std::vector<std::string> tokens;
-    } cases[] = {
-        {"", {}},
-        {"a", {"a"}},
-        {"a,b", {"a", "b"}},
-        {"a,b,", {"a", "b"}},
-        {"a,,b", {"a", "", "b"}},
-        {",", {""}},
-        {",a", {"", "a"}},
-        {"a,,", {"a", ""}},
-        {"\"x\", y", {"\"x\"", " y"}},
-        {"1,2\r", {"1", "2\r"}},
-        {"\r", {"\r"}},
-    };
-    for (const auto &c : cases) EXPECT_EQ(split(c.line), c.tokens) << "line: " << c.line;
-}
-
 // The conversions must give exactly what strtoull/strtod give, with 0 for
 // no number and for out-of-range results.
 uint64_t reference_u64(const std::string &s) {

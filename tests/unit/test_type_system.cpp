@@ -64,7 +64,18 @@ TEST(TypeSystem, FreshSystem) {
     EXPECT_EQ(vyr_type_system_get_max_event_type_size(t.ts), 0u);
     EXPECT_EQ(vyr_type_system_max_type_size(t.ts), 0u);
     EXPECT_EQ(vyr_type_system_remove_last_schema(t.ts), 0);
+
+    // Missing pointers are refused, not dereferenced.
     vyr_destroy_type_system(nullptr);
+    EXPECT_EQ(vyr_type_system_add_schema(nullptr, "p", 1, nullptr), nullptr);
+    EXPECT_EQ(vyr_type_system_remove_last_schema(nullptr), 0);
+    EXPECT_EQ(vyr_type_system_find_schema(nullptr, "x", nullptr), 0);
+    EXPECT_EQ(vyr_type_system_get_max_event_type_size(nullptr), 0u);
+    EXPECT_EQ(vyr_type_system_adjust_type_references(t.ts, nullptr), 0);
+    EXPECT_EQ(vyr_type_system_add_schema_from_serialized_json(nullptr, "{}", nullptr), -1);
+    EXPECT_EQ(vyr_type_system_clone_schemas(t.ts, nullptr, nullptr), -1);
+    EXPECT_EQ(vyr_type_system_serialize(nullptr, 1), nullptr);
+    vyr_type_system_update_md5_hashes(nullptr);
 }
 
 TEST(TypeSystem, SchemaTableHolds255) {
