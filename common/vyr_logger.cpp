@@ -171,6 +171,12 @@ void vyr_close_logger(void) {
 }
 
 void __vyr_init_logger_default(void) {
+    // An adopted context that never set its level would make every message
+    // retry (and refuse) initialisation: treat it as level 0.
+    if (g_is_registered) {
+        if (vyr_log_level == -1) vyr_log_level = 0;
+        return;
+    }
     int level = 0;
     const char *text = vyr_getenv("VYR_API_LOG_LEVEL");
     if (!text || sscanf(text, "%d", &level) != 1) level = 0;
@@ -217,13 +223,15 @@ void _vyr_log(int level, const char *format, ...) {
         return;
     }
     if (!g_stream) vyr_init_stderr_logger(vyr_log_level);
+    // An adopted logger refuses that initialisation and may still have no stream.
+    FILE *stream = g_stream ? g_stream : stderr;
     pthread_mutex_t *mutex = g_mutex;
     if (mutex) pthread_mutex_lock(mutex);
-    vyr_dump_timestamp_logger(g_stream);
-    fputs(vyr_priority_level_string_logger(level), g_stream);
-    vfprintf(g_stream, format, ap);
-    fputc('\n', g_stream);
-    fflush(g_stream);
+    vyr_dump_timestamp_logger(stream);
+    fputs(vyr_priority_level_string_logger(level), stream);
+    vfprintf(stream, format, ap);
+    fputc('\n', stream);
+    fflush(stream);
     if (mutex) pthread_mutex_unlock(mutex);
     va_end(ap);
 }

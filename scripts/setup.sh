@@ -8,7 +8,7 @@ PACKAGES=(
   libssl-dev libjansson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  util-linux coreutils procps
+  util-linux coreutils procps python3
 )
 PACKAGES+=("$@")
 
