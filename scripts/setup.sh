@@ -9,7 +9,10 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   util-linux coreutils procps python3
+  libmicrohttpd-dev prometheus curl
 )
+# Optional extras are named on the command line and installed only then, e.g.
+# `bash scripts/setup.sh gnuplot-nox` for bench/cost_curve.sh's PNGs (not CI).
 PACKAGES+=("$@")
 
 missing=()

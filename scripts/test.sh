@@ -19,6 +19,10 @@ echo "== normal build"
 build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 (cd build && ctest --output-on-failure -j "$JOBS")
 
+echo "== benchmark smoke run (every benchmark once; no timing is checked)"
+build build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYR_BUILD_BENCH=ON
+build/bench/vyr_bench --benchmark_min_time=0.001 >/dev/null
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DVYR_SANITIZE=address
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 \
@@ -30,3 +34,10 @@ echo "== ThreadSanitizer build (threaded tests)"
 build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVYR_SANITIZE=thread
 (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --output-on-failure -j "$JOBS" -L threads)
+
+# Every fuzz target for a short while from its seed corpus (CI, or on request
+# with VYR_FUZZ_SECONDS=<seconds per target>).
+if [ -n "${CI:-}" ] || [ -n "${VYR_FUZZ_SECONDS:-}" ]; then
+  echo "== fuzz targets (libFuzzer, ASan+UBSan)"
+  VYR_FUZZ_BUILD_DIR=$ROOT/build-fuzz VYR_FUZZ_JOBS=$JOBS bash fuzz/run.sh "${VYR_FUZZ_SECONDS:-20}"
+fi

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <fenv.h>
+#include <langinfo.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -22,24 +24,17 @@ static auto with_c_string(std::string_view token, F convert) {
         small[token.size()] = '\0';
         return convert(small);
     }
-    std::string copy(token);
+    // Rare long tokens reuse one buffer per thread, so a warm pass never allocates.
+    static thread_local std::string copy;
+    copy.assign(token.data(), token.size());
     return convert(copy.c_str());
 }
 
-static bool all_digits(std::string_view token) {
-    for (char c : token)
-        if (c < '0' || c > '9') return false;
-    return true;
+static inline bool is_digit(char c) {
+    return (unsigned char)(c - '0') < 10;
 }
 
-uint64_t tarvik_token_to_u64(std::string_view token) {
-    // Plain digits that cannot overflow take the fast path; everything else
-    // (blanks, signs, trailing text, 20 digits) gets strtoull's exact rules.
-    if (!token.empty() && token.size() <= 19 && all_digits(token)) {
-        uint64_t v = 0;
-        for (char c : token) v = v * 10 + (uint64_t)(c - '0');
-        return v;
-    }
+static uint64_t slow_u64(std::string_view token) {
     return with_c_string(token, [](const char *s) -> uint64_t {
         char *end = nullptr;
         errno = 0;
@@ -49,28 +44,7 @@ uint64_t tarvik_token_to_u64(std::string_view token) {
     });
 }
 
-double tarvik_token_to_double(std::string_view token) {
-    // A short plain decimal (digits with at most one '.') cannot overflow or
-    // underflow, and from_chars rounds exactly as strtod does.
-    if (!token.empty() && token.size() <= 24) {
-        bool plain = true, dot = false, digit = false;
-        for (char c : token) {
-            if (c >= '0' && c <= '9') {
-                digit = true;
-            } else if (c == '.' && !dot) {
-                dot = true;
-            } else {
-                plain = false;
-                break;
-            }
-        }
-        if (plain && digit) {
-            double v = 0.0;
-            auto r = std::from_chars(token.data(), token.data() + token.size(), v,
-                                     std::chars_format::fixed);
-            if (r.ec == std::errc() && r.ptr == token.data() + token.size()) return v;
-        }
-    }
+static double slow_double(std::string_view token) {
     return with_c_string(token, [](const char *s) -> double {
         char *end = nullptr;
         errno = 0;
@@ -80,6 +54,131 @@ double tarvik_token_to_double(std::string_view token) {
     });
 }
 
+// The leading digit run at p (p < end, *p a digit) as strtoull reads it; a
+// run past UINT64_MAX is ERANGE to strtoull, which stores 0. Returns the
+// end of the run.
+static inline const char *digit_run_u64(const char *p, const char *end, uint64_t *out) {
+    uint64_t v = 0;
+    // Nineteen digits cannot overflow; only longer runs are checked.
+    const char *safe = end - p > 19 ? p + 19 : end;
+    while (p < safe && is_digit(*p)) v = v * 10 + (uint64_t)(*p++ - '0');
+    bool overflow = false;
+    while (p < end && is_digit(*p)) {
+        overflow = overflow || __builtin_mul_overflow(v, 10u, &v) ||
+                   __builtin_add_overflow(v, (uint64_t)(*p - '0'), &v);
+        ++p;
+    }
+    *out = overflow ? 0 : v;
+    return p;
+}
+
+uint64_t tarvik_token_to_u64(std::string_view token) {
+    // A token that starts with a digit is what strtoull reads as its leading
+    // digit run, whatever follows (a CR, a unit). Blanks and signs need
+    // strtoull's own rules.
+    const char *p = token.data();
+    const char *end = p + token.size();
+    if (p == end || !is_digit(*p)) return slow_u64(token);
+    uint64_t v;
+    digit_run_u64(p, end, &v);
+    return v;
+}
+
+// strtod follows the locale's radix character and the rounding mode;
+// from_chars knows only '.' and round-to-nearest. The fast path is taken only
+// while both agree, which they do unless the host changes them.
+static bool fast_double_allowed() {
+    const char *radix = nl_langinfo(RADIXCHAR);
+    return radix[0] == '.' && radix[1] == '\0' && fegetround() == FE_TONEAREST;
+}
+
+// The longest prefix at p that strtod reads as a decimal number: an optional
+// sign, digits with an optional fraction, an exponent only when digits follow
+// its letter. A comma is never part of it, so p may scan a whole line.
+// Returns the end of the prefix with its value, or null when strtod itself
+// must judge the text (hex, inf, nan, blanks, no digits) or when the value
+// could leave the normal range: at most 40 mantissa digits and an exponent
+// of at most 260 keep every result between 1e-300 and 1e300, where strtod
+// never reports ERANGE and from_chars rounds identically.
+static inline const char *fast_double_prefix(const char *p, const char *end, double *out) {
+    if (p == end) return nullptr;
+    const char *num = p;  // from_chars takes a minus but not a plus
+    if (*p == '-') {
+        ++p;
+    } else if (*p == '+') {
+        num = ++p;
+    }
+    const char *mant = p;
+    while (p < end && is_digit(*p)) ++p;
+    size_t int_digits = (size_t)(p - mant);
+    size_t frac_digits = 0;
+    if (p < end && *p == '.') {
+        const char *frac = ++p;
+        while (p < end && is_digit(*p)) ++p;
+        frac_digits = (size_t)(p - frac);
+    }
+    size_t digits = int_digits + frac_digits;
+    if (digits == 0 || digits > 40) return nullptr;
+    // "0x..." is a hexadecimal number to strtod.
+    if (int_digits == 1 && *mant == '0' && p == mant + 1 && p < end && (*p == 'x' || *p == 'X'))
+        return nullptr;
+    if (p < end && (*p == 'e' || *p == 'E')) {
+        const char *q = p + 1;
+        if (q < end && (*q == '+' || *q == '-')) ++q;
+        const char *exp_digits = q;
+        int exp = 0;
+        while (q < end && is_digit(*q) && q - exp_digits < 4) exp = exp * 10 + (*q++ - '0');
+        if (q < end && is_digit(*q)) return nullptr;  // a long exponent: strtod judges it
+        if (q > exp_digits) {
+            if (exp > 260) return nullptr;
+            p = q;
+        }
+    }
+    auto r = std::from_chars(num, p, *out, std::chars_format::general);
+    return r.ec == std::errc() && r.ptr == p ? p : nullptr;
+}
+
+static inline double token_to_double(std::string_view token, bool fast_ok) {
+    double v;
+    if (fast_ok) {
+        const char *end = token.data() + token.size();
+        if (fast_double_prefix(token.data(), end, &v)) return v;
+    }
+    return slow_double(token);
+}
+
+double tarvik_token_to_double(std::string_view token) {
+    return token_to_double(token, fast_double_allowed());
+}
+
+namespace {
+
+constexpr size_t kKeptReadBuffer = 1024 * 1024;
+
+// Read buffer of the calling thread, kept between passes so a warm pass reads
+// without allocating. It starts large enough for the usual value line in one
+// pread and doubles when a line is longer.
+struct ReadBuffer {
+    char *data = nullptr;
+    size_t size = 0;
+    ~ReadBuffer() { release(); }
+    void release() {
+        free(data);
+        data = nullptr;
+        size = 0;
+    }
+    bool grow() {
+        size_t want = size ? size * 2 : 64 * 1024;
+        char *bigger = static_cast<char *>(realloc(data, want));
+        if (!bigger) return false;
+        data = bigger;
+        size = want;
+        return true;
+    }
+};
+
+}  // namespace
+
 bool get_csv_line_by_offset(const char *path, uint64_t offset, std::string &line) {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -88,67 +187,116 @@ bool get_csv_line_by_offset(const char *path, uint64_t offset, std::string &line
         return false;
     }
     // Only the open decides the result; a failed read leaves what was read.
-    line.clear();
-    char buf[4096];
-    uint64_t pos = offset;
+    static thread_local ReadBuffer buf;
+    size_t have = 0;
     for (;;) {
-        ssize_t got = pread(fd, buf, sizeof buf, (off_t)pos);
+        if (have == buf.size && !buf.grow()) break;
+        ssize_t got = pread(fd, buf.data + have, buf.size - have, (off_t)(offset + have));
         if (got <= 0) break;
-        const void *nl = memchr(buf, '\n', (size_t)got);
+        const void *nl = memchr(buf.data + have, '\n', (size_t)got);
         if (nl) {
-            line.append(buf, (size_t)((const char *)nl - buf));
+            have = (size_t)(static_cast<const char *>(nl) - buf.data);
             break;
         }
-        line.append(buf, (size_t)got);
-        pos += (uint64_t)got;
+        have += (size_t)got;
     }
     close(fd);
+    line.assign(buf.data ? buf.data : "", have);
+    // A freak line of megabytes should not stay resident for the life of the host.
+    if (buf.size > kKeptReadBuffer) buf.release();
     return true;
+}
+
+// Commas in s[0..n), eight bytes at a time: a byte equal to ',' becomes zero
+// after the xor, and the zero-byte test marks exactly those bytes.
+static size_t count_commas(const char *s, size_t n) {
+    const uint64_t commas = 0x2C2C2C2C2C2C2C2Cull;
+    const uint64_t low7 = 0x7F7F7F7F7F7F7F7Full;
+    const uint64_t ones = 0x0101010101010101ull;
+    size_t count = 0, i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t w;
+        memcpy(&w, s + i, 8);
+        uint64_t x = w ^ commas;
+        uint64_t zero_high = ~(((x & low7) + low7) | x | low7);
+        count += (size_t)((((zero_high >> 7) & ones) * ones) >> 56);
+    }
+    for (; i < n; ++i) count += s[i] == ',';
+    return count;
+}
+
+static inline const char *next_comma(const char *p, const char *end) {
+    const void *c = memchr(p, ',', (size_t)(end - p));
+    return c ? static_cast<const char *>(c) : end;
 }
 
 bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
                          const std::string &line) {
     const char *fn = "tarvik_csv_to_event";
-    static thread_local std::vector<std::string_view> tokens;
-    tarvikSplitCsvView(line, tokens);
+    // Comma-separated pieces; a comma at the very end makes no final piece.
+    size_t token_count =
+        line.empty() ? 0 : count_commas(line.data(), line.size()) + (line.back() != ',' ? 1 : 0);
 
     auto it = p->type_infos.find(dev->header_id);
-    if (it == p->type_infos.end()) it = p->type_infos.emplace(dev->header_id, tarvik_schema_type_info_t()).first;
+    if (it == p->type_infos.end())
+        it = p->type_infos.emplace(dev->header_id, tarvik_schema_type_info_t()).first;
     static const std::vector<vyr_event_tarvik_type_t> kNoFields;
     const std::vector<vyr_event_tarvik_type_t> &fields =
         it->second.fields ? *it->second.fields : kNoFields;
 
-    if (tokens.size() != fields.size()) {
+    if (token_count != fields.size()) {
         VYR_WARN(
             "[tarvik provider] [%s] Number of fields in csv line (%zu) does not match number of "
             "tarvik fields (%zu)",
-            fn, tokens.size(), fields.size());
+            fn, token_count, fields.size());
         VYR_DEBUG("[tarvik provider] [%s] csv line: %s", fn, line.c_str());
         return false;
     }
 
+    const bool fast_ok = fast_double_allowed();
     pthread_mutex_lock(&dev->event_lock);
     uint8_t *event = dev->event_cache;
     uint64_t now = tarvik_now_usec();
     memcpy(event, &now, sizeof now);
     size_t offset = TARVIK_EVENT_FIXED_SIZE;
-    for (size_t i = 0; i < tokens.size(); ++i) {
+    // One walk over the line: each number is read where its token starts, and
+    // the token's end is searched for only when something follows the number.
+    const char *pos = line.data();
+    const char *end = pos + line.size();
+    for (size_t i = 0; i < token_count; ++i) {
+        const char *token_end;
         switch (fields[i].type) {
             case TARVIK_FIELD_UINT64: {
-                uint64_t v = tarvik_token_to_u64(tokens[i]);
+                uint64_t v;
+                if (pos < end && is_digit(*pos)) {
+                    const char *q = digit_run_u64(pos, end, &v);
+                    token_end = q == end || *q == ',' ? q : next_comma(q, end);
+                } else {
+                    token_end = next_comma(pos, end);
+                    v = slow_u64(std::string_view(pos, (size_t)(token_end - pos)));
+                }
                 memcpy(event + offset, &v, sizeof v);
                 offset += 8;
                 break;
             }
             case TARVIK_FIELD_DOUBLE: {
-                double v = tarvik_token_to_double(tokens[i]);
+                double v;
+                const char *q = fast_ok ? fast_double_prefix(pos, end, &v) : nullptr;
+                if (q) {
+                    token_end = q == end || *q == ',' ? q : next_comma(q, end);
+                } else {
+                    token_end = next_comma(pos, end);
+                    v = slow_double(std::string_view(pos, (size_t)(token_end - pos)));
+                }
                 memcpy(event + offset, &v, sizeof v);
                 offset += 8;
                 break;
             }
             case TARVIK_FIELD_STRING: {
-                size_t n = tokens[i].size() < TARVIK_TEXT_SIZE ? tokens[i].size() : TARVIK_TEXT_SIZE;
-                memcpy(event + offset, tokens[i].data(), n);
+                token_end = next_comma(pos, end);
+                size_t len = (size_t)(token_end - pos);
+                size_t n = len < TARVIK_TEXT_SIZE ? len : TARVIK_TEXT_SIZE;
+                memcpy(event + offset, pos, n);
                 memset(event + offset + n, 0, TARVIK_TEXT_SIZE - n);
                 event[offset + TARVIK_TEXT_SIZE - 1] = 0;
                 offset += TARVIK_TEXT_SIZE;
@@ -160,6 +308,7 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
                 pthread_mutex_unlock(&dev->event_lock);
                 return false;
         }
+        pos = token_end < end ? token_end + 1 : end;
     }
     pthread_mutex_unlock(&dev->event_lock);
     return true;
@@ -182,7 +331,9 @@ void tarvik_collect_pass(tarvik_provider_t *p) {
     static thread_local std::string line;
     for (auto &entry : p->devices) {
         tarvik_provider_dev_info_t &dev = entry.second;
-        if (dev.disabled) continue;
+        // A device whose header run failed has no event type or record; a
+        // good service run clears its disabled flag, so the record decides.
+        if (dev.disabled || !dev.event_cache) continue;
         if (dev.parse_errors > TARVIK_MAX_PARSE_ERRORS) {
             VYR_WARN(
                 "[tarvik provider] [%s] Device %s exceeded max parsing errors number (%d).  Will "
@@ -219,8 +370,8 @@ void tarvik_collect_pass(tarvik_provider_t *p) {
             dev.parse_errors = 0;
             VYR_DEBUG("[tarvik provider] Internal thread updated tarvik device %s", dev.name);
         } else {
-            VYR_DEBUG("[tarvik provider] [%s] Failed to convert csv line to event for device %s", fn,
-                      dev.name);
+            VYR_DEBUG("[tarvik provider] [%s] Failed to convert csv line to event for device %s",
+                      fn, dev.name);
             VYR_INFO("[tarvik provider] [%s] device %s will not be collected", fn, dev.name);
             dev.disabled = true;
         }

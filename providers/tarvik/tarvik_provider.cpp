@@ -80,7 +80,13 @@ int tarvik_run_shell(const char *command) {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    // Without the close action (it allocates) the tool would inherit the
+    // host's descriptors: fail the run instead.
+    if (posix_spawn_file_actions_addclosefrom_np(&actions, 3) != 0) {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+        return -1;
+    }
     char sh[] = "sh", dash_c[] = "-c";
     char *argv[] = {sh, dash_c, const_cast<char *>(command), nullptr};
     pid_t pid = -1;
@@ -148,6 +154,7 @@ void tarvik_provider_add_device(const char *name, int32_t max_errors) {
     // A second registration of a name overwrites the whole record; the old
     // record's resources are not released.
     tarvik_provider_dev_info_t &d = p->devices[dev_name];
+    tarvik_delivery_devices_changed();
     d.name = c_name;
     d.device_path = c_device_path;
     d.disabled = false;
@@ -301,4 +308,5 @@ void tarvik_provider_destroy(vyr_event_provider_t *provider) {
         // service_command is deliberately not freed.
     }
     p->devices.clear();
+    tarvik_delivery_devices_changed();
 }

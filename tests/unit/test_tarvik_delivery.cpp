@@ -149,4 +149,40 @@ TEST_F(Delivery, SameEventIsHandedOverAgain) {
     EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "a"}));
 }
 
+// The cursor is a position in map order. A call that stops on a full buffer
+// keeps its place for the next call; that place must follow the map as it is
+// at the next call, not as it was.
+TEST_F(Delivery, ResumeFollowsTheMapWhenItWasRebuiltBetweenCalls) {
+    add("a", true);
+    add("b", true);
+    add("c", true);
+    uint8_t buf[2 * (16 + kEventSize) + 10];
+    auto ser = serializer(buf, sizeof buf);
+    ASSERT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
+    ASSERT_EQ(p->next_device, 2u);
+    // As a second construct_event_provider would: old records gone, new ones in.
+    tarvik_provider_destroy(&p->provider);
+    add("x", true);
+    add("y", true);
+    add("z", true);
+    ser.used = 0;
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"z"}));
+}
+
+TEST_F(Delivery, ResumeCountsPositionsAfterADeviceIsInsertedBeforeTheCursor) {
+    add("a", true);
+    add("c", true);
+    add("d", true);
+    uint8_t buf[2 * (16 + kEventSize) + 10];
+    auto ser = serializer(buf, sizeof buf);
+    ASSERT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
+    ASSERT_EQ(p->next_device, 2u);
+    add("b", true);  // now a, b, c, d: position 2 is c
+    ser.used = 0;
+    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
+    EXPECT_EQ(written(ser), (std::vector<std::string>{"c", "d"}));
+    EXPECT_EQ(p->next_device, 4u);
+}
+
 }  // namespace

@@ -100,8 +100,8 @@ TEST(VyrhostDecode, EveryEventOfEveryBlockWithItsDeviceAndTime) {
     two.insert(two.end(), b.begin(), b.end());
     ASSERT_EQ(2u, vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, two.data(),
                                                       2, 111));
-    ASSERT_EQ(1u, vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(),
-                                                      1, 222));
+    ASSERT_EQ(
+        1u, vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(), 1, 222));
     std::vector<Event> got;
     EXPECT_EQ("", decode_blocks(f.ts, w.bytes.data(), w.ser.used,
                                 [&](Event &&e) { got.push_back(std::move(e)); }));
@@ -144,8 +144,7 @@ TEST(VyrhostDecode, ABadBlockIsRejectedWithItsReason) {
         uint64_t used = w.ser.used;
         c.corrupt(w.bytes, second, &used);
         size_t events = 0;
-        std::string error =
-            decode_blocks(f.ts, w.bytes.data(), used, [&](Event &&) { ++events; });
+        std::string error = decode_blocks(f.ts, w.bytes.data(), used, [&](Event &&) { ++events; });
         EXPECT_EQ(1u, events) << c.what;
         EXPECT_EQ(0u, error.find("block at offset " + std::to_string(second))) << c.what << error;
         EXPECT_NE(std::string::npos, error.find(c.message)) << c.what << ": " << error;
@@ -158,13 +157,20 @@ TEST(VyrhostPrometheus, NamesFollowTheMetricAndLabelRules) {
     struct {
         const char *field, *metric, *label;
     } cases[] = {
-        {"Raw_Errors_Lane_0", "tarvik_Raw_Errors_Lane_0", "Raw_Errors_Lane_0"},
-        {"Temp-C", "tarvik_Temp_C", "Temp_C"},
+        {"Raw_Errors_Lane_0", "tarvik_raw_errors_lane_0", "raw_errors_lane_0"},
+        {"Temp-C", "tarvik_temp_c", "temp_c"},
+        {"Tx_BiasmA", "tarvik_tx_biasma", "tx_biasma"},
         {"a.b c:d", "tarvik_a_b_c_d", "a_b_c_d"},
         {"1st", "tarvik_1st", "field_1st"},
         {"__name__", "tarvik___name__", "field___name__"},
         {"", "tarvik_", "field_"},
         {"\xc3\xa9t\xc3\xa9", "tarvik___t__", "field___t__"},
+        {"Lane_Count", "tarvik_lane_count_value", "lane_count"},
+        {"bytes_total", "tarvik_bytes_total_value", "bytes_total"},
+        {"x_Sum", "tarvik_x_sum_value", "x_sum"},
+        {"counted", "tarvik_counted", "counted"},
+        {"LE", "tarvik_le", "le_"},
+        {"quantile", "tarvik_quantile", "quantile_"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(c.metric, prom_metric_name("tarvik", c.field)) << c.field;
@@ -193,8 +199,8 @@ TEST(VyrhostPrometheus, LabelValuesAndHelpAreEscaped) {
 TEST(VyrhostPrometheus, ExpositionOfTwoDevices) {
     Fixture f;
     Snapshot s;
-    s.events.push_back(f.event(f.type0, f.record0("arx0", 18446744073709551615ull, 45.5,
-                                                  "Say \"hi\" \\ o"),
+    s.events.push_back(f.event(f.type0,
+                               f.record0("arx0", 18446744073709551615ull, 45.5, "Say \"hi\" \\ o"),
                                1700000000999999));
     s.events.push_back(f.event(f.type0, f.record0("arx1", 7, 1e-15, "V")));
     ExpositionOptions o;
@@ -203,21 +209,21 @@ TEST(VyrhostPrometheus, ExpositionOfTwoDevices) {
     EXPECT_EQ(
         "# HELP tarvik_info Text fields of the latest event of each device, as labels.\n"
         "# TYPE tarvik_info gauge\n"
-        "tarvik_info{device=\"arx0\",event_name=\"tarvik_event\",Vendor=\"Say \\\"hi\\\" \\\\ "
+        "tarvik_info{device=\"arx0\",event_name=\"tarvik_event\",vendor=\"Say \\\"hi\\\" \\\\ "
         "o\"} 1\n"
-        "tarvik_info{device=\"arx1\",event_name=\"tarvik_event\",Vendor=\"V\"} 1\n"
+        "tarvik_info{device=\"arx1\",event_name=\"tarvik_event\",vendor=\"V\"} 1\n"
         "# HELP tarvik_timestamp Event timestamp\n"
         "# TYPE tarvik_timestamp gauge\n"
         "tarvik_timestamp{device=\"arx0\"} 1700000000123456\n"
         "tarvik_timestamp{device=\"arx1\"} 1700000000123456\n"
-        "# HELP tarvik_Raw_Errors Field Raw_Errors of the latest event of each device.\n"
-        "# TYPE tarvik_Raw_Errors gauge\n"
-        "tarvik_Raw_Errors{device=\"arx0\"} 18446744073709551615\n"
-        "tarvik_Raw_Errors{device=\"arx1\"} 7\n"
-        "# HELP tarvik_Temp_C Field Temp-C of the latest event of each device.\n"
-        "# TYPE tarvik_Temp_C gauge\n"
-        "tarvik_Temp_C{device=\"arx0\"} 45.5\n"
-        "tarvik_Temp_C{device=\"arx1\"} 1e-15\n"
+        "# HELP tarvik_raw_errors Field Raw_Errors of the latest event of each device.\n"
+        "# TYPE tarvik_raw_errors gauge\n"
+        "tarvik_raw_errors{device=\"arx0\"} 18446744073709551615\n"
+        "tarvik_raw_errors{device=\"arx1\"} 7\n"
+        "# HELP tarvik_temp_c Field Temp-C of the latest event of each device.\n"
+        "# TYPE tarvik_temp_c gauge\n"
+        "tarvik_temp_c{device=\"arx0\"} 45.5\n"
+        "tarvik_temp_c{device=\"arx1\"} 1e-15\n"
         "# HELP vyrhost_devices_ready Devices whose latest event the provider handed over at the "
         "last poll.\n"
         "# TYPE vyrhost_devices_ready gauge\n"
@@ -233,9 +239,9 @@ TEST(VyrhostPrometheus, ExpositionOfTwoDevices) {
 
     o.timestamps = true;
     std::string stamped = render_exposition(s, o);
-    EXPECT_NE(std::string::npos, stamped.find("tarvik_Raw_Errors{device=\"arx1\"} 7 0\n"));
+    EXPECT_NE(std::string::npos, stamped.find("tarvik_raw_errors{device=\"arx1\"} 7 0\n"));
     EXPECT_NE(std::string::npos,
-              stamped.find("tarvik_Raw_Errors{device=\"arx0\"} 18446744073709551615 "
+              stamped.find("tarvik_raw_errors{device=\"arx0\"} 18446744073709551615 "
                            "1700000000999\n"));
 }
 
@@ -253,7 +259,8 @@ TEST(VyrhostPrometheus, ClashingNamesAreNumbered) {
     s.events.push_back(f.event(f.type1, r));
     std::string text = render_exposition(s, ExpositionOptions());
     EXPECT_NE(std::string::npos, text.find("tarvik_info{device=\"d0\",device_2=\"text\"} 1\n"));
-    EXPECT_NE(std::string::npos, text.find("# TYPE tarvik_info_2 gauge\ntarvik_info_2{device=\"d0\"} 5\n"));
+    EXPECT_NE(std::string::npos,
+              text.find("# TYPE tarvik_info_2 gauge\ntarvik_info_2{device=\"d0\"} 5\n"));
 }
 
 TEST(VyrhostPrometheus, NumbersKeepFullPrecisionAndSpecialValues) {
@@ -313,9 +320,9 @@ TEST(VyrhostTable, OneAlignedRowPerDeviceCutToTheWidth) {
     s.events.push_back(f.event(f.type1, std::vector<uint8_t>(f.type(f.type1)->size, 0)));
     s.events.back().device = "tdg0";
 
-    EXPECT_EQ((std::vector<std::string>{"Raw_Errors", "Temp-C", "Vendor", "info", "source",
-                                        "device"}),
-              default_table_columns(f.schema));
+    EXPECT_EQ(
+        (std::vector<std::string>{"Raw_Errors", "Temp-C", "Vendor", "info", "source", "device"}),
+        default_table_columns(f.schema));
 
     TableOptions o;
     o.columns = {"Raw_Errors", "Temp-C", "Vendor"};
@@ -326,8 +333,10 @@ TEST(VyrhostTable, OneAlignedRowPerDeviceCutToTheWidth) {
     EXPECT_NE(std::string::npos, table.find(": 2 devices ready\n")) << table;
     EXPECT_EQ(
         "DEVICE  TYPE            COLLECTED     Raw_Errors  Temp-C  Vendor\n"
-        "arx0    tarvik_event_0  " + clock_text(1700000000123456) + "       12345    45.5  Holloway~\n"
-        "tdg0    tarvik_event_1  -                      -       -  -\n",
+        "arx0    tarvik_event_0  " +
+            clock_text(1700000000123456) +
+            "       12345    45.5  Holloway ~\n"
+            "tdg0    tarvik_event_1  -                      -       -  -\n",
         rows);
 
     o.width = 40;
@@ -371,7 +380,8 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
          "--buffer-size '16': expected a number of bytes from 17 to 1073741824"},
         {{"--log-level", "9"},
          "--log-level '9': expected 0 to 7 (3 errors, 4 warnings, 6 info, 7 debug)"},
-        {{"--listen", "::1:80"}, "--listen '::1:80': write an IPv6 address in brackets, [::1]:PORT"},
+        {{"--listen", "::1:80"},
+         "--listen '::1:80': write an IPv6 address in brackets, [::1]:PORT"},
         {{"--listen", "host:99999"},
          "--listen 'host:99999': expected [ADDRESS:]PORT with a port from 0 to 65535"},
         {{"--timestamps=yes"}, "option --timestamps takes no value"},
@@ -389,9 +399,9 @@ TEST(VyrhostOptions, GoodCommandLine) {
                          "--format=table", "--columns", "A, B,,C", "--count", "7", "--listen",
                          "9464", "--log-level", "4", "--print-schema"},
                         &o));
-    EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{
-                  {"a", "1"}, {"b", "x=y"}, {"c", ""}}),
-              o.sets);
+    EXPECT_EQ(
+        (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b", "x=y"}, {"c", ""}}),
+        o.sets);
     EXPECT_EQ(0.5, o.poll);
     EXPECT_EQ(Format::kTable, o.format);
     EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), o.columns);
@@ -417,7 +427,7 @@ TEST(VyrhostOptions, GoodCommandLine) {
 }
 
 TEST(VyrhostOptions, ConfigurationFile) {
-    std::string path = vyrtest::binary_dir() + "/test_vyrhost.conf";
+    std::string path = vyrtest::binary_dir() + "/test_vyrhost_core.conf";
     vyrtest::write_file(path,
                         "# comment\n\n  tarvik_devices = a,b \ntarvik_update_interval_sec=5\n");
     std::vector<std::pair<std::string, std::string>> kv;
@@ -435,8 +445,9 @@ TEST(VyrhostOptions, ConfigurationFile) {
 // ---------------------------------------------------------------- explanations
 
 TEST(VyrhostExplain, WhyInitializeFailed) {
-    const std::string none = "[tarvik provider] [tarvik_provider_initialize] No devices to "
-                             "collect. Provider will not run";
+    const std::string none =
+        "[tarvik provider] [tarvik_provider_initialize] No devices to "
+        "collect. Provider will not run";
     struct {
         std::vector<LoggedMessage> log;
         const char *why;
@@ -445,8 +456,9 @@ TEST(VyrhostExplain, WhyInitializeFailed) {
           {4, "[tarvik provider] Device  is set to collect, but not supported"},
           {3, none}},
          "no devices to collect (tarvik_devices names 'foo', '', which zdt does not report)"},
-        {{{3, "[device_utils] No ZDT devices in /dev/zdt. Please run 'zdt start' to create "
-              "devices."},
+        {{{3,
+           "[device_utils] No ZDT devices in /dev/zdt. Please run 'zdt start' to create "
+           "devices."},
           {3, "[tarvik provider] Failed to get allowed devices"},
           {3, none}},
          "no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"},
@@ -455,8 +467,9 @@ TEST(VyrhostExplain, WhyInitializeFailed) {
          "/dev/zdt entry)"},
         {{{3, none}}, "no devices to collect"},
         {{{3, "[tarvik provider] [_create_tarvik_event_type] Unknown tarvik field type 7"},
-          {3, "[tarvik provider] [tarvik_provider_initialize] Could not create tarvik event "
-              "type"}},
+          {3,
+           "[tarvik provider] [tarvik_provider_initialize] Could not create tarvik event "
+           "type"}},
          "the plug-in could not build an event type from a device's header (run with "
          "--log-level 4 for its messages)"},
         {{{4, "a warning"}, {3, "something broke"}},
@@ -467,8 +480,9 @@ TEST(VyrhostExplain, WhyInitializeFailed) {
 }
 
 TEST(VyrhostExplain, WhichHeaderRunsFailed) {
-    const std::string run = "[tarvik provider] [tarvik_provider_initialize] Could not execute "
-                            "command timeout 3 phyprobe -d /dev/zdt/";
+    const std::string run =
+        "[tarvik provider] [tarvik_provider_initialize] Could not execute "
+        "command timeout 3 phyprobe -d /dev/zdt/";
     std::vector<LoggedMessage> log = {
         {4, run + "arx0 --tarvik_collect /tmp/tarvik_collect_arx0hdr.csv > /dev/null, system "
                   "returned 768"},

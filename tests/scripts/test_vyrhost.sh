@@ -1,0 +1,197 @@
+#!/usr/bin/env bash
+# test_vyrhost.sh REPO BUILD
+#
+# vyrhost against the simulated adapters, inside a private namespace: its
+# three output forms over two collection intervals, the schema it prints, a
+# SIGINT in service mode, and the one-line explanations of what can go wrong
+# before any event flows.
+set -u
+REPO=${1:?usage: test_vyrhost.sh REPO BUILD}
+BUILD=${2:?usage: test_vyrhost.sh REPO BUILD}
+if [ "${3:-}" != --inside ]; then
+    exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --inside
+fi
+source "$REPO/tests/scripts/vyrhost_env.sh"
+cd /tmp
+
+# ------------------------------------------------- mistakes before any event
+
+# expect_failure STATUS "ONE LINE" ARGS...: exactly that line on stderr.
+expect_failure() {
+    local want_status=$1 want_line=$2
+    shift 2
+    "$VYRHOST" "$@" >out.txt 2>err.txt </dev/null
+    local status=$?
+    expect_eq "$want_status" "$status" "status of vyrhost $*"
+    # the tool's own complaints pass through on stderr; vyrhost says one line
+    expect_eq "$want_line" "$(grep '^vyrhost: ' err.txt)" "stderr of vyrhost $*"
+    [ -s out.txt ] && fail "vyrhost $* printed on stdout: $(head -c 300 out.txt)"
+}
+
+expect_failure 2 "vyrhost: unknown option '--frobnicate' (see vyrhost --help)" --frobnicate
+expect_failure 2 "vyrhost: bad --set 'tarvik_devices': expected KEY=VALUE, for example --set tarvik_update_interval_sec=5" \
+    --set tarvik_devices
+expect_failure 1 "vyrhost: provider library /nonexistent/libtarvik_provider.so does not exist" \
+    --library /nonexistent/libtarvik_provider.so
+echo 'int not_a_provider(void) { return 1; }' >notprov.c
+cc -shared -fPIC -o /tmp/libnotprovider.so notprov.c || fail "cannot build a plain library"
+expect_failure 1 "vyrhost: /tmp/libnotprovider.so is not a provider plug-in: it has no construct_event_provider entry point" \
+    --library /tmp/libnotprovider.so
+echo "just text" >/tmp/notalib.so
+"$VYRHOST" --library /tmp/notalib.so >out.txt 2>err.txt
+expect_eq 1 $? "status for a library that is no ELF file"
+expect_eq 1 "$(wc -l <err.txt)" "lines of explanation for a file that is no library"
+expect_contains err.txt "vyrhost: /tmp/notalib.so is not a loadable provider library: " "no ELF"
+printf 'tarvik_update_interval_sec=2\nnot a setting\n' >bad.conf
+expect_failure 2 "vyrhost: bad.conf:2: expected KEY=VALUE, found 'not a setting'" --config bad.conf
+
+"$VYRHOST" --help >out.txt 2>err.txt
+expect_eq 0 $? "status of --help"
+expect_contains out.txt "Usage: vyrhost [OPTIONS]" "--help"
+expect_contains out.txt "  vyrhost --set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0 \\" "--help example"
+
+# No adapter at all: /dev/zdt is empty.
+expect_failure 1 "vyrhost: initialization failed: no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"
+
+setup_three_devices
+expect_failure 1 "vyrhost: initialization failed: no devices to collect (tarvik_devices names 'nosuch', which zdt does not report)" \
+    --set tarvik_devices=nosuch
+expect_failure 1 "vyrhost: the plug-in refused its settings: stoull failed (a setting that must be a number is not one)" \
+    --set tarvik_update_interval_sec=abc
+PHYPROBE_SIM_FAIL_HEADER_RUN=5 expect_failure 1 \
+    "vyrhost: initialization failed: no device gave a usable header (header run for arx0 failed with exit status 5; header run for arx1 failed with exit status 5; header run for tdg0 failed with exit status 5)"
+# One device without a header is only a note; the others are collected.
+PHYPROBE_SIM_FAIL_HEADER_RUN__tdg0=7 "$VYRHOST" "${ONESHOT[@]}" --count 2 >out.txt 2>err.txt
+expect_eq 0 $? "status with one failing header run"
+expect_eq "vyrhost: note: header run for tdg0 failed with exit status 7; that device will not be collected" \
+    "$(grep '^vyrhost: ' err.txt)" "note for one failing header run"
+expect_eq 2 "$(wc -l <out.txt)" "events with one failing header run"
+
+# ------------------------------------------------- the schema
+
+"$VYRHOST" --print-schema >schema.json 2>err.txt
+expect_eq 0 $? "status of --print-schema"
+id=$(head -c -1 schema.json | md5sum | cut -d' ' -f1)
+expect_eq "vyrhost: schema \"tarvik\" version 1.0.0, identifier $id" "$(cat err.txt)" \
+    "the identifier is the MD5 of the pretty JSON printed"
+expect_eq "tarvik_event_0 tarvik_event_1" \
+    "$(python3 -c 'import json,sys; print(*[t["name"] for t in json.load(open(sys.argv[1]))["types"]])' schema.json)" \
+    "one type per distinct header"
+
+# A device whose header is the golden case gives the golden bytes.
+PHYPROBE_SIM_HEADER_LINE='FW_Version,Raw_Errors_Lane[0],Effective_Physical_BER,Rx/Tx<dB>' \
+    PHYPROBE_SIM_VALUE_LINE='16.35.2000,12,0.5,3' \
+    "$VYRHOST" --set tarvik_devices=arx0 --print-schema >golden.json 2>err.txt
+GOLDEN=$REPO/../shared/golden/schema_json
+if [ -f "$GOLDEN/tarvik_basic.pretty.json" ]; then
+    head -c -1 golden.json | cmp -s - "$GOLDEN/tarvik_basic.pretty.json" ||
+        fail "schema of the golden header differs from tarvik_basic.pretty.json"
+    expect_eq "vyrhost: schema \"tarvik\" version 1.0.0, identifier $(cat "$GOLDEN/tarvik_basic.md5")" \
+        "$(cat err.txt)" "identifier of the golden header"
+fi
+
+# ------------------------------------------------- JSON, two intervals
+
+# Six events take two polls of three devices, two seconds apart.
+"$VYRHOST" "${ONESHOT[@]}" --count 6 >events.jsonl 2>err.txt
+expect_eq 0 $? "status of the JSON run"
+expect_eq 6 "$(wc -l <events.jsonl)" "JSON lines"
+python3 "$SCRIPTS/check_vyrhost_json.py" schema.json events.jsonl >summary.txt || fail "JSON: $(cat summary.txt)"
+expect_eq "arx0 tarvik_event_0 2
+arx1 tarvik_event_0 2
+tdg0 tarvik_event_1 2" "$(cat summary.txt)" "JSON: events per device and their types"
+[ -s err.txt ] && fail "JSON run wrote to stderr: $(cat err.txt)"
+
+# ------------------------------------------------- table, two intervals
+
+"$VYRHOST" "${ONESHOT[@]}" --format table --count 6 --width 0 >table.txt 2>err.txt
+expect_eq 0 $? "status of the table run"
+python3 - table.txt <<'EOF' || fail "table: $(cat table.txt)"
+import re, sys
+text = open(sys.argv[1]).read()
+tables = [t for t in text.split("\n\n") if t.strip()]
+full = 0
+for t in tables:
+    lines = t.split("\n")
+    m = re.match(r"poll \d+ at \d\d:\d\d:\d\d: (\d+) devices? ready$", lines[0])
+    assert m, lines[0]
+    rows = lines[2:]
+    assert len(rows) == int(m.group(1)), (lines[0], rows)
+    assert lines[1].startswith("DEVICE  TYPE  "), lines[1]
+    # every value starts where its title starts, or ends where it ends
+    names = [r.split()[0] for r in rows]
+    assert names == sorted(names), names
+    if len(rows) == 3:
+        full += 1
+        assert names == ["arx0", "arx1", "tdg0"], names
+        types = [r.split()[1] for r in rows]
+        assert types[0] == types[1] != types[2], types
+        starts = [m.start() for m in re.finditer(r"(?<=  )\S|^\S", lines[1])]
+        for r in rows:
+            assert len(r) <= len(lines[1]) + 30, r
+            for s in starts[:3]:
+                assert r[s] != " " and (s == 0 or r[s - 2:s] == "  "), (s, r)
+assert full >= 2, "fewer than two polls with all three devices"
+EOF
+"$VYRHOST" "${ONESHOT[@]}" --format table --count 3 --width 60 >narrow.txt 2>err.txt
+expect_contains narrow.txt "3 devices ready, " "narrow table"
+expect_contains narrow.txt " more columns beyond 60 characters (pick them with --columns)" "narrow table"
+awk 'length > 60 && !/^poll /' narrow.txt | grep -q . && fail "table rows wider than 60: $(cat narrow.txt)"
+
+# ------------------------------------------------- Prometheus text, two intervals
+
+add_quoting_device
+"$VYRHOST" "${ONESHOT[@]}" --format prometheus --count 8 >metrics.txt 2>err.txt
+expect_eq 0 $? "status of the prometheus run"
+polls=$(grep -c '^# vyrhost poll ' metrics.txt)
+[ "$polls" -ge 2 ] || fail "prometheus: $polls polls"
+python3 "$SCRIPTS/check_exposition.py" metrics.txt --split '# vyrhost poll' >check.txt ||
+    fail "prometheus exposition: $(cat check.txt)"
+# The last poll has all four devices; its text is checked by promtool as well.
+awk '/^# vyrhost poll /{buf=""} {buf=buf $0 "\n"} END{printf "%s", buf}' metrics.txt >last.txt
+for d in arx0 arx1 tdg0 qt0; do
+    expect_contains last.txt "tarvik_timestamp{device=\"$d\"} " "prometheus gauge of $d"
+done
+expect_contains last.txt 'tarvik_info{device="qt0",event_name="tarvik_event",device_2="qt0",note="say \"hi\"",path="C:\\temp\\' \
+    "label escaping of quotes and backslashes"
+expect_contains last.txt "# TYPE tarvik_lane_count_value gauge" "reserved suffix renamed"
+expect_eq 1 "$(grep -c '^# HELP tarvik_raw_errors_lane_0 ' last.txt)" "one HELP per family"
+if command -v promtool >/dev/null; then
+    promtool check metrics <last.txt >promtool.txt 2>&1 || fail "promtool check metrics: $(cat promtool.txt)"
+else
+    echo "note: promtool not installed (Debian package prometheus); skipped its check"
+fi
+unset PHYPROBE_SIM_HEADER_LINE__qt0 PHYPROBE_SIM_VALUE_LINE__qt0
+rm -f /dev/zdt/qt0
+export ZDT_SIM_DEVICES="arx0,arcline,eth0;arx1,arcline,eth1;tdg0,tidegate,eth2"
+
+# ------------------------------------------------- SIGINT in service mode
+
+"$VYRHOST" "${SERVICE[@]}" --log-level 6 >service.jsonl 2>service.err &
+pid=$!
+wait_lines service.jsonl 30 3 || fail "service mode: no events within 30 s: $(cat service.err)"
+ps -eo args | grep -q '^bash .*tools/sim/phyprobe .*--service_start' ||
+    fail "service mode: no phyprobe service running"
+kill -INT "$pid"
+wait_exit "$pid" 40
+expect_eq 0 "$EXIT_STATUS" "exit status after SIGINT"
+for line in "[vyrhost] signal 2 received, stopping the plug-in" "[vyrhost] calling stop" \
+    "[tarvik provider] [tarvik_provider_stop] stopping service by PID " \
+    "[vyrhost] calling destroy" "[vyrhost] the plug-in is stopped and destroyed"; do
+    expect_contains service.err "$line" "SIGINT log"
+done
+ps -eo args | grep -E 'tools/sim/phyprobe|tools/vyrhost/vyrhost' | grep -v grep >left.txt &&
+    fail "processes left after SIGINT: $(cat left.txt)"
+python3 "$SCRIPTS/check_vyrhost_json.py" schema.json service.jsonl >summary.txt ||
+    fail "service JSON: $(cat summary.txt)"
+[ "$(wc -l <summary.txt)" = 3 ] || fail "service mode: not all three devices: $(cat summary.txt)"
+
+# SIGTERM in one-shot mode ends it the same way.
+"$VYRHOST" "${ONESHOT[@]}" --format table >/dev/null 2>term.err &
+pid=$!
+sleep 1
+kill -TERM "$pid"
+wait_exit "$pid" 30
+expect_eq 0 "$EXIT_STATUS" "exit status after SIGTERM"
+
+finish

@@ -1,0 +1,90 @@
+# Sourced by the vyrhost tests, inside ns_run.sh's namespace: simulated
+# adapters, the paths of the build, and small assertion helpers.
+# Needs REPO and BUILD set.
+
+VYRHOST=$BUILD/tools/vyrhost/vyrhost
+SCRIPTS=$REPO/tests/scripts
+failures=0
+
+fail() {
+    echo "FAIL: $*" >&2
+    failures=$((failures + 1))
+}
+expect_eq() { # expect_eq WANT GOT WHAT
+    [ "$1" = "$2" ] || fail "$3: got [$2], expected [$1]"
+}
+expect_contains() { # expect_contains FILE TEXT WHAT
+    grep -qF -- "$2" "$1" || fail "$3: [$2] not in $1: $(head -c 2000 "$1")"
+}
+finish() {
+    if [ "$failures" -ne 0 ]; then
+        echo "$failures check(s) failed" >&2
+        exit 1
+    fi
+    echo "ok"
+    exit 0
+}
+
+# Refuses to run outside the namespace: the tests make /dev/zdt entries and
+# sysfs files.
+[ "${VYR_TEST_NAMESPACE:-}" = 1 ] || {
+    echo "vyrhost tests must run under tests/support/ns_run.sh" >&2
+    exit 1
+}
+
+# Three adapters: arx0 and arx1 write the same (std) header, tdg0 another
+# (alt); each has an Ethernet interface.
+setup_three_devices() {
+    export ZDT_SIM_DEVICES="arx0,arcline,eth0;arx1,arcline,eth1;tdg0,tidegate,eth2"
+    export PHYPROBE_SIM_HEADER__tdg0=alt
+    zdt start >/dev/null || fail "zdt start"
+    local i
+    for i in 0 1 2; do
+        mkdir -p /sys/class/net/eth$i
+        echo 1 >/sys/class/net/eth$i/type
+    done
+}
+
+# A fourth adapter whose text values hold a double quote and backslashes.
+add_quoting_device() {
+    export ZDT_SIM_DEVICES="$ZDT_SIM_DEVICES;qt0,arcline,eth3"
+    export PHYPROBE_SIM_HEADER_LINE__qt0='Device,Note,Path,Lane_Count'
+    export PHYPROBE_SIM_VALUE_LINE__qt0='{dev},say "hi",C:\temp\{run},4'
+    mknod /dev/zdt/qt0 c 1 3
+    mkdir -p /sys/class/net/eth3
+    echo 1 >/sys/class/net/eth3/type
+}
+
+# The collector settings every run uses: collect every 2 seconds.
+ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
+SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
+
+# Waits (up to $2 seconds) until file $1 has at least $3 lines.
+wait_lines() {
+    local deadline=$((SECONDS + $2))
+    while [ "$SECONDS" -lt "$deadline" ]; do
+        [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ] && return 0
+        sleep 0.2
+    done
+    return 1
+}
+
+# Waits (up to $2 seconds) for background process $1 to end, killing it if it
+# does not, and sets EXIT_STATUS to its exit status or to "hung". (Not to be
+# run in a subshell, which could not wait for the process.)
+wait_exit() {
+    local pid=$1 deadline=$((SECONDS + $2))
+    EXIT_STATUS=hung
+    while [ "$SECONDS" -lt "$deadline" ]; do
+        case "$(ps -o stat= -p "$pid" 2>/dev/null)" in
+        "" | Z*)
+            wait "$pid"
+            EXIT_STATUS=$?
+            return
+            ;;
+        esac
+        sleep 0.1
+    done
+    kill -9 "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+}
