@@ -104,27 +104,29 @@ static int _vyr_init_logger_mutex(void) {
     return 1;
 }
 
-int vyr_init_stderr_logger(int level) {
-    if (g_is_registered) {
-        VYR_DEBUG("[logger] [%s] registered logger cannot initialize logger",
-                  "vyr_init_stderr_logger");
-        return 0;
-    }
+// An adopted logger belongs to the host: its sink is not ours to replace.
+static bool refused_as_registered(const char *fn) {
+    if (!g_is_registered) return false;
+    VYR_DEBUG("[logger] [%s] registered logger cannot initialize logger", fn);
+    return true;
+}
+
+static void finish_init(const char *fn, vyr_logger_kind_t kind, int level) {
     vyr_log_level = level;
-    g_kind = VYR_LOGGER_STDERR;
-    g_stream = stderr;
+    g_kind = kind;
     if (!_vyr_init_logger_mutex())
-        VYR_DEBUG("[logger] [%s] Initialized logger without thread-safety",
-                  "vyr_init_stderr_logger");
+        VYR_DEBUG("[logger] [%s] Initialized logger without thread-safety", fn);
+}
+
+int vyr_init_stderr_logger(int level) {
+    if (refused_as_registered("vyr_init_stderr_logger")) return 0;
+    g_stream = stderr;
+    finish_init("vyr_init_stderr_logger", VYR_LOGGER_STDERR, level);
     return 1;
 }
 
 int vyr_init_file_logger(const char *path, int level) {
-    if (g_is_registered) {
-        VYR_DEBUG("[logger] [%s] registered logger cannot initialize logger",
-                  "vyr_init_file_logger");
-        return 0;
-    }
+    if (refused_as_registered("vyr_init_file_logger")) return 0;
     vyr_close_logger();
     FILE *f = path ? fopen(path, "w") : NULL;
     if (!f) {
@@ -132,26 +134,15 @@ int vyr_init_file_logger(const char *path, int level) {
         return 0;
     }
     g_stream = f;
-    g_kind = VYR_LOGGER_FILE;
-    vyr_log_level = level;
-    if (!_vyr_init_logger_mutex())
-        VYR_DEBUG("[logger] [%s] Initialized logger without thread-safety",
-                  "vyr_init_file_logger");
+    finish_init("vyr_init_file_logger", VYR_LOGGER_FILE, level);
     return 1;
 }
 
 int vyr_init_syslog_logger(const char *identity, int level) {
-    if (g_is_registered) {
-        VYR_DEBUG("[logger] [%s] registered logger cannot initialize logger",
-                  "vyr_init_syslog_logger");
-        return 0;
-    }
+    if (refused_as_registered("vyr_init_syslog_logger")) return 0;
+    // A log file opened before stays open, unlike with the file logger.
     openlog(identity, LOG_PID | LOG_CONS, LOG_DAEMON);
-    vyr_log_level = level;
-    g_kind = VYR_LOGGER_SYSLOG;
-    if (!_vyr_init_logger_mutex())
-        VYR_DEBUG("[logger] [%s] Initialized logger without thread-safety",
-                  "vyr_init_syslog_logger");
+    finish_init("vyr_init_syslog_logger", VYR_LOGGER_SYSLOG, level);
     return 1;
 }
 

@@ -8,6 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <limits>
+
 #include "vyr_logger.h"
 
 namespace {
@@ -23,97 +25,59 @@ inline size_t array_bytes(uint64_t count) {
     return sizeof(uint64_t) + (size_t)count * sizeof(char *);
 }
 
+/* Whole-text conversion with the standard function in base 0 (hex and octal
+ * prefixes); refuses a range error at the saturation values, an error with a
+ * zero result, nothing consumed, and anything left after the number. A
+ * leading minus is left to the unsigned conversions, which wrap it. */
+template <typename T, T (*convert)(const char *, char **, int)>
+bool strict_convert(const char *text, T *out) {
+    if (!text || !out) return false;
+    char *end = NULL;
+    errno = 0;
+    T value = convert(text, &end, 0);
+    bool saturated = value == std::numeric_limits<T>::max() ||
+                     (std::numeric_limits<T>::is_signed && value == std::numeric_limits<T>::min());
+    if (errno == ERANGE && saturated) return false;
+    if (errno != 0 && value == 0) return false;
+    if (end == text || *end != '\0') return false;
+    *out = value;
+    return true;
+}
+
+template <typename T>
+bool narrow_convert(const char *text, T *out) {
+    unsigned long long value;
+    if (!out || !strict_convert<unsigned long long, strtoull>(text, &value) ||
+        value > std::numeric_limits<T>::max())
+        return false;
+    *out = (T)value;
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
 
-bool string_to_long(const char *text, long *out) {
-    if (!text || !out) return false;
-    char *end = NULL;
-    errno = 0;
-    long value = strtol(text, &end, 0);
-    if (errno == ERANGE && (value == LONG_MAX || value == LONG_MIN)) return false;
-    if (errno != 0 && value == 0) return false;
-    if (end == text) return false;
-    if (*end != '\0') return false;
-    *out = value;
-    return true;
-}
+bool string_to_long(const char *text, long *out) { return strict_convert<long, strtol>(text, out); }
 
 bool string_to_long_long(const char *text, long long *out) {
-    if (!text || !out) return false;
-    char *end = NULL;
-    errno = 0;
-    long long value = strtoll(text, &end, 0);
-    if (errno == ERANGE && (value == LLONG_MAX || value == LLONG_MIN)) return false;
-    if (errno != 0 && value == 0) return false;
-    if (end == text) return false;
-    if (*end != '\0') return false;
-    *out = value;
-    return true;
+    return strict_convert<long long, strtoll>(text, out);
 }
 
-/* A leading minus is left to the standard conversion, which wraps it. */
 bool string_to_unsigned_long(const char *text, unsigned long *out) {
-    if (!text || !out) return false;
-    char *end = NULL;
-    errno = 0;
-    unsigned long value = strtoul(text, &end, 0);
-    if (errno == ERANGE && value == ULONG_MAX) return false;
-    if (errno != 0 && value == 0) return false;
-    if (end == text) return false;
-    if (*end != '\0') return false;
-    *out = value;
-    return true;
+    return strict_convert<unsigned long, strtoul>(text, out);
 }
 
 bool string_to_unsigned_long_long(const char *text, unsigned long long *out) {
-    if (!text || !out) return false;
-    char *end = NULL;
-    errno = 0;
-    unsigned long long value = strtoull(text, &end, 0);
-    if (errno == ERANGE && value == ULLONG_MAX) return false;
-    if (errno != 0 && value == 0) return false;
-    if (end == text) return false;
-    if (*end != '\0') return false;
-    *out = value;
-    return true;
+    return strict_convert<unsigned long long, strtoull>(text, out);
 }
 
-bool string_to_sizet(const char *text, size_t *out) {
-    unsigned long long value;
-    if (!out || !string_to_unsigned_long_long(text, &value)) return false;
-    *out = (size_t)value;
-    return true;
-}
+bool string_to_sizet(const char *text, size_t *out) { return narrow_convert(text, out); }
+bool string_to_u8(const char *text, uint8_t *out) { return narrow_convert(text, out); }
+bool string_to_u16(const char *text, uint16_t *out) { return narrow_convert(text, out); }
+bool string_to_u32(const char *text, uint32_t *out) { return narrow_convert(text, out); }
 
-bool string_to_u8(const char *text, uint8_t *out) {
-    unsigned long long value;
-    if (!out || !string_to_unsigned_long_long(text, &value) || value > UINT8_MAX) return false;
-    *out = (uint8_t)value;
-    return true;
-}
-
-bool string_to_u16(const char *text, uint16_t *out) {
-    unsigned long long value;
-    if (!out || !string_to_unsigned_long_long(text, &value) || value > UINT16_MAX) return false;
-    *out = (uint16_t)value;
-    return true;
-}
-
-bool string_to_u32(const char *text, uint32_t *out) {
-    unsigned long long value;
-    if (!out || !string_to_unsigned_long_long(text, &value) || value > UINT32_MAX) return false;
-    *out = (uint32_t)value;
-    return true;
-}
-
-bool string_to_u64(const char *text, uint64_t *out) {
-    unsigned long long value;
-    if (!out || !string_to_unsigned_long_long(text, &value)) return false;
-    *out = (uint64_t)value;
-    return true;
-}
+bool string_to_u64(const char *text, uint64_t *out) { return narrow_convert(text, out); }
 
 /* Range texts hand in a slice of a longer text, so only `length` bytes count. */
 bool bounded_string_to_int(const char *text, size_t length, int *out) {

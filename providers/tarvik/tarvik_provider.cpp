@@ -119,36 +119,31 @@ void tarvik_provider_add_device(const char *name, int32_t max_errors) {
                                 std::to_string(TARVIK_SERVICE_ITERATIONS) + " > /dev/null";
     const std::string command = base + " > /dev/null";
 
-    // A failed copy returns at once; the copies made so far stay allocated.
-    char *c_name = strdup(dev_name.c_str());
-    if (!c_name) {
-        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for device name",
-                  "tarvik_provider_add_device", name);
-        return;
-    }
-    char *c_device_path = strdup(device_path.c_str());
-    if (!c_device_path) {
-        VYR_ERROR("[tarvik provider] [%s][%s] Failed to allocate memory for device path",
-                  "tarvik_provider_add_device", name);
-        return;
-    }
-    char *c_out_file_path = strdup(out_file_path.c_str());
-    if (!c_out_file_path) {
-        VYR_ERROR("[tarvik provider] [%s][%s] Failed to allocate memory for out filepath",
-                  "tarvik_provider_add_device", name);
-        return;
-    }
-    char *c_command = strdup(command.c_str());
-    if (!c_command) {
-        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for command",
-                  "tarvik_provider_add_device", name);
-        return;
-    }
-    char *c_service_command = strdup(service.c_str());
-    if (!c_service_command) {
-        VYR_ERROR("[tarvik provider] [%s] [%s] Failed to allocate memory for service command",
-                  "tarvik_provider_add_device", name);
-        return;
+    // Heap copies in this order; a failed copy returns at once and the copies
+    // made so far stay allocated.
+    char *c_name = nullptr, *c_device_path = nullptr, *c_out_file_path = nullptr,
+         *c_command = nullptr, *c_service_command = nullptr;
+    const struct {
+        const std::string &text;
+        char *&copy;
+        const char *message;
+    } copies[] = {
+        {dev_name, c_name,
+         "[tarvik provider] [%s] [%s] Failed to allocate memory for device name"},
+        {device_path, c_device_path,
+         "[tarvik provider] [%s][%s] Failed to allocate memory for device path"},
+        {out_file_path, c_out_file_path,
+         "[tarvik provider] [%s][%s] Failed to allocate memory for out filepath"},
+        {command, c_command, "[tarvik provider] [%s] [%s] Failed to allocate memory for command"},
+        {service, c_service_command,
+         "[tarvik provider] [%s] [%s] Failed to allocate memory for service command"},
+    };
+    for (const auto &c : copies) {
+        c.copy = strdup(c.text.c_str());
+        if (!c.copy) {
+            VYR_ERROR(c.message, "tarvik_provider_add_device", name);
+            return;
+        }
     }
 
     // A second registration of a name overwrites the whole record; the old
