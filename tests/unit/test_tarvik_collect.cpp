@@ -420,6 +420,25 @@ TEST_F(LineByOffset, ReadsOneLineFromTheOffset) {
     EXPECT_EQ(line, big);
 }
 
+// Lines longer than one read: the buffer grows across several reads, and a
+// short line after a huge one still reads exactly.
+TEST_F(LineByOffset, LinesLongerThanTheReadBuffer) {
+    std::string path = dir + "/f.csv";
+    std::string huge(3 * 1024 * 1024 + 17, 'h');
+    for (size_t i = 0; i < huge.size(); i += 4096) huge[i] = ',';
+    vyrtest::write_file(path, "hdr\n" + huge + "\nnext\n");
+    std::string line;
+    ASSERT_TRUE(get_csv_line_by_offset(path.c_str(), 4, line));
+    EXPECT_EQ(line.size(), huge.size());
+    EXPECT_TRUE(line == huge);
+    vyrtest::write_file(path, "hdr\n1,2\n");
+    ASSERT_TRUE(get_csv_line_by_offset(path.c_str(), 4, line));
+    EXPECT_EQ(line, "1,2");
+    vyrtest::write_file(path, "hdr\n" + std::string(65536, 'x'));
+    ASSERT_TRUE(get_csv_line_by_offset(path.c_str(), 4, line));
+    EXPECT_EQ(line, std::string(65536, 'x'));
+}
+
 TEST_F(LineByOffset, MissingFileWarnsAndKeepsTheLine) {
     vyrtest::LogCapture log;
     std::string line = "kept";

@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kEventSize = 136;
 
 class Delivery : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         p = tarvik_provider_instance();
         p->devices.clear();
