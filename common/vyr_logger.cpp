@@ -7,6 +7,8 @@
 #include <syslog.h>
 #include <time.h>
 
+#include <atomic>
+
 #include "vyr_env.h"
 
 extern "C" {
@@ -14,24 +16,29 @@ extern "C" {
 int vyr_log_level = -1;
 
 // One instance per loaded image; a plug-in adopts its host's through a context.
-static uint32_t g_kind = VYR_LOGGER_STDERR;
-static FILE *g_stream = NULL;
-static vyr_log_func_t g_func = NULL;
-static pthread_mutex_t *g_mutex = NULL;
+// Atomics of the plain variables' size: any thread may log while a host
+// switches its logger, and a reader must never see a torn value.
+static std::atomic<uint32_t> g_kind{VYR_LOGGER_STDERR};
+static std::atomic<FILE *> g_stream{NULL};
+static std::atomic<vyr_log_func_t> g_func{NULL};
+static std::atomic<pthread_mutex_t *> g_mutex{NULL};
 static pthread_mutex_t g_image_mutex;
-static bool g_is_registered = false;
+static std::atomic<bool> g_is_registered{false};
+static inline int level_get(void) { return __atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED); }
+static inline void level_set(int level) { __atomic_store_n(&vyr_log_level, level, __ATOMIC_RELAXED); }
+
 static bool g_exit_handler_set = false;
 
 void vyr_logger_cleanup_mutex_exit_handler(void);
 
 int vyr_set_log_level(int level) {
-    int previous = vyr_log_level;
-    vyr_log_level = level;
+    int previous = level_get();
+    level_set(level);
     return previous;
 }
 
 void vyr_set_log_func(vyr_log_func_t func, int level) {
-    vyr_log_level = level;
+    level_set(level);
     g_func = func;
     g_kind = VYR_LOGGER_FUNC;
 }
@@ -42,7 +49,7 @@ vyr_logger_ctx_t *vyr_get_logger_ctx(void) {
     vyr_logger_ctx_t *ctx = (vyr_logger_ctx_t *)calloc(1, sizeof *ctx);
     if (!ctx) return NULL;
     ctx->kind = g_kind;
-    ctx->level = vyr_log_level;
+    ctx->level = level_get();
     ctx->mutex = g_mutex;
     if (g_kind == VYR_LOGGER_STDERR || g_kind == VYR_LOGGER_FILE)
         ctx->stream = g_stream;
@@ -55,11 +62,11 @@ void vyr_destroy_logger_ctx(vyr_logger_ctx_t *ctx) { free(ctx); }
 
 int _vyr_register_logger(vyr_logger_ctx_t *ctx) {
     if (!ctx) return 0;
-    if (ctx->kind == g_kind && ctx->level == vyr_log_level && ctx->mutex == g_mutex &&
+    if (ctx->kind == g_kind && ctx->level == level_get() && ctx->mutex == g_mutex &&
         ctx->log_func == g_func && ctx->stream == g_stream)
         return 1;
     g_mutex = ctx->mutex;
-    vyr_log_level = ctx->level;
+    level_set(ctx->level);
     g_is_registered = true;
     g_kind = ctx->kind;
     if (g_kind == VYR_LOGGER_FUNC)
@@ -112,7 +119,7 @@ static bool refused_as_registered(const char *fn) {
 }
 
 static void finish_init(const char *fn, vyr_logger_kind_t kind, int level) {
-    vyr_log_level = level;
+    level_set(level);
     g_kind = kind;
     if (!_vyr_init_logger_mutex())
         VYR_DEBUG("[logger] [%s] Initialized logger without thread-safety", fn);
@@ -158,14 +165,14 @@ void vyr_close_logger(void) {
         fclose(g_stream);
         g_stream = NULL;
     }
-    vyr_init_stderr_logger(vyr_log_level);
+    vyr_init_stderr_logger(level_get());
 }
 
 void __vyr_init_logger_default(void) {
     // An adopted context that never set its level would make every message
     // retry (and refuse) initialisation: treat it as level 0.
     if (g_is_registered) {
-        if (vyr_log_level == -1) vyr_log_level = 0;
+        if (level_get() == -1) level_set(0);
         return;
     }
     int level = 0;
@@ -213,9 +220,10 @@ void _vyr_log(int level, const char *format, ...) {
         va_end(ap);
         return;
     }
-    if (!g_stream) vyr_init_stderr_logger(vyr_log_level);
+    if (!g_stream) vyr_init_stderr_logger(level_get());
     // An adopted logger refuses that initialisation and may still have no stream.
-    FILE *stream = g_stream ? g_stream : stderr;
+    FILE *stream = g_stream.load();
+    if (!stream) stream = stderr;
     pthread_mutex_t *mutex = g_mutex;
     if (mutex) pthread_mutex_lock(mutex);
     vyr_dump_timestamp_logger(stream);
@@ -228,8 +236,8 @@ void _vyr_log(int level, const char *format, ...) {
 }
 
 void log_hex(const void *data, size_t length) {
-    if (vyr_log_level == -1) __vyr_init_logger_default();
-    if ((unsigned)vyr_log_level < VYR_LOG_LEVEL_DEBUG || length == 0 || !data) return;
+    if (level_get() == -1) __vyr_init_logger_default();
+    if ((unsigned)level_get() < VYR_LOG_LEVEL_DEBUG || length == 0 || !data) return;
     const unsigned char *bytes = (const unsigned char *)data;
     char line[100];
     char chars[17];

@@ -61,8 +61,10 @@ void log_hex(const void *data, size_t length);
  * when the level gates the message out. */
 #define VYR_LOG(level, ...)                                                   \
     do {                                                                      \
-        if (vyr_log_level == -1) __vyr_init_logger_default();                 \
-        if ((unsigned)vyr_log_level >= (unsigned)(level)) {                   \
+        if (__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) == -1)         \
+            __vyr_init_logger_default();                                      \
+        if ((unsigned)__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) >=   \
+            (unsigned)(level)) {                                              \
             vyr_log_func_t vyr_log_fn_ = vyr_get_log_func();                  \
             if (vyr_log_fn_)                                                  \
                 vyr_log_fn_((level), __VA_ARGS__);                            \
