@@ -30,26 +30,27 @@ struct Fixture {
 
     Fixture() {
         schema = vyr_type_system_add_schema(ts, "tarvik", 1, &schema_index);
+        const auto A = VYR_VALUE_ABSOLUTE;
         const vyr_type_field_info_t fields0[] = {
-            {"timestamp", "Event timestamp", "timestamp", VYR_VALUE_ABSOLUTE, 1},
-            {"event_name", "Event name", "char", VYR_VALUE_ABSOLUTE, 64},
-            {"device_name", "Device name", "char", VYR_VALUE_ABSOLUTE, 64},
-            {"Raw_Errors", "Raw_Errors", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
-            {"Temp-C", "Temp-C", "double", VYR_VALUE_ABSOLUTE, 1},
-            {"Vendor", "Vendor", "char", VYR_VALUE_ABSOLUTE, 64},
+            {"timestamp", "Event timestamp", "timestamp", A, 1},
+            {"event_name", "Event name", "char", A, 64},
+            {"device_name", "Device name", "char", A, 64},
+            {"Raw_Errors", "Raw_Errors", "uint64_t", A, 1},
+            {"Temp-C", "Temp-C", "double", A, 1},
+            {"Vendor", "Vendor", "char", A, 64},
         };
         const vyr_type_field_info_t fields1[] = {
-            {"timestamp", "Event timestamp", "timestamp", VYR_VALUE_ABSOLUTE, 1},
-            {"device_name", "Device name", "char", VYR_VALUE_ABSOLUTE, 64},
-            {"info", "info", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
-            {"source", "source", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
-            {"device", "device", "char", VYR_VALUE_ABSOLUTE, 64},
+            fields0[0],
+            fields0[2],
+            {"info", "info", "uint64_t", A, 1},
+            {"source", "source", "uint64_t", A, 1},
+            {"device", "device", "char", A, 64},
         };
         const char *index[] = {"device_name"};
         EXPECT_EQ(0, vyr_schema_add_type(schema, "tarvik_event_0", fields0, 6, &type0));
-        EXPECT_EQ(0, vyr_schema_set_field_indexes(schema, type0, index, 1));
         EXPECT_EQ(0, vyr_schema_add_type(schema, "tarvik_event_1", fields1, 5, &type1));
-        EXPECT_EQ(0, vyr_schema_set_field_indexes(schema, type1, index, 1));
+        for (uint8_t t : {type0, type1})
+            EXPECT_EQ(0, vyr_schema_set_field_indexes(schema, t, index, 1));
     }
     ~Fixture() { vyr_destroy_type_system(ts); }
 
@@ -114,40 +115,35 @@ TEST(VyrhostDecode, EveryEventOfEveryBlockWithItsDeviceAndTime) {
     EXPECT_EQ(f.type(f.type0), got[2].type);
 }
 
-// Each corruption is applied to the second of two blocks; the first block's
-// event still comes through and the message names the bad block.
+// Each corruption is applied to the second of two blocks: one byte of its
+// header changed, or the buffer cut inside it. The first block's event still
+// comes through and the message names the bad block.
 TEST(VyrhostDecode, ABadBlockIsRejectedWithItsReason) {
-    struct Case {
-        const char *what;
-        void (*corrupt)(std::vector<uint8_t> &bytes, size_t second, uint64_t *used);
+    const struct {
+        size_t at;  // the byte changed, or where the buffer ends
+        int byte;   // -1: the buffer ends there
         const char *message;
     } cases[] = {
-        {"lower-case magic", [](std::vector<uint8_t> &b, size_t s, uint64_t *) { b[s + 3] = 'e'; },
-         ": magic is not \"VYRE\" (bytes 56 59 52 65)"},
-        {"unknown schema", [](std::vector<uint8_t> &b, size_t s, uint64_t *) { b[s + 12] = 9; },
-         ": schema index 9 is not registered (the type system holds 1)"},
-        {"unknown type", [](std::vector<uint8_t> &b, size_t s, uint64_t *) { b[s + 13] = 2; },
-         ": type index 2 is not in schema \"tarvik\" (it has 2 types)"},
-        {"count past the end", [](std::vector<uint8_t> &b, size_t s, uint64_t *) { b[s + 15] = 2; },
-         ": 2 events of "},
-        {"truncated header",
-         [](std::vector<uint8_t> &, size_t s, uint64_t *used) { *used = s + 15; },
-         ": 15 bytes left, too few for a 16-byte block header"},
+        {3, 'e', ": magic is not \"VYRE\" (bytes 56 59 52 65)"},
+        {12, 9, ": schema index 9 is not registered (the type system holds 1)"},
+        {13, 2, ": type index 2 is not in schema \"tarvik\" (it has 2 types)"},
+        {15, 2, ": 2 events of "},
+        {15, -1, ": 15 bytes left, too few for a 16-byte block header"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         Fixture f;
         Written w(f);
         auto a = f.record0("arx0", 1, 1.5, "x");
         vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(), 1, 1);
-        size_t second = w.ser.used;
+        const size_t second = w.ser.used;
         vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(), 1, 2);
-        uint64_t used = w.ser.used;
-        c.corrupt(w.bytes, second, &used);
+        uint64_t used = c.byte < 0 ? second + c.at : w.ser.used;
+        if (c.byte >= 0) w.bytes[second + c.at] = static_cast<uint8_t>(c.byte);
         size_t events = 0;
         std::string error = decode_blocks(f.ts, w.bytes.data(), used, [&](Event &&) { ++events; });
-        EXPECT_EQ(1u, events) << c.what;
-        EXPECT_EQ(0u, error.find("block at offset " + std::to_string(second))) << c.what << error;
-        EXPECT_NE(std::string::npos, error.find(c.message)) << c.what << ": " << error;
+        EXPECT_EQ(1u, events) << c.message;
+        EXPECT_EQ(0u, error.find("block at offset " + std::to_string(second))) << error;
+        EXPECT_NE(std::string::npos, error.find(c.message)) << error;
     }
 }
 
@@ -236,13 +232,6 @@ TEST(VyrhostPrometheus, ExpositionOfTwoDevices) {
         "# TYPE vyrhost_poll_errors_total counter\n"
         "vyrhost_poll_errors_total 1\n",
         render_exposition(s, o));
-
-    o.timestamps = true;
-    std::string stamped = render_exposition(s, o);
-    EXPECT_NE(std::string::npos, stamped.find("tarvik_raw_errors{device=\"arx1\"} 7 0\n"));
-    EXPECT_NE(std::string::npos,
-              stamped.find("tarvik_raw_errors{device=\"arx0\"} 18446744073709551615 "
-                           "1700000000999\n"));
 }
 
 // Names that clean to one already taken get a number instead of making a
@@ -339,13 +328,6 @@ TEST(VyrhostTable, OneAlignedRowPerDeviceCutToTheWidth) {
             "tdg0    tarvik_event_1  -                      -       -  -\n",
         rows);
 
-    o.width = 40;
-    table = render_table(s, o);
-    EXPECT_NE(std::string::npos,
-              table.find("2 devices ready, 3 more columns beyond 40 characters (pick them with "
-                         "--columns)\nDEVICE  TYPE            COLLECTED\n"))
-        << table;
-
     Snapshot empty;
     empty.poll = 1;
     EXPECT_NE(std::string::npos, render_table(empty, o).find(": no device ready yet\n"));
@@ -365,10 +347,6 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
         std::vector<std::string> args;
         const char *error;
     } cases[] = {
-        {{"--frobnicate"}, "unknown option '--frobnicate' (see vyrhost --help)"},
-        {{"--set", "novalue"},
-         "bad --set 'novalue': expected KEY=VALUE, for example --set "
-         "tarvik_update_interval_sec=5"},
         {{"--set", "=5"},
          "bad --set '=5': expected KEY=VALUE, for example --set tarvik_update_interval_sec=5"},
         {{"--set"}, "option --set needs a value (see vyrhost --help)"},
@@ -435,8 +413,6 @@ TEST(VyrhostOptions, ConfigurationFile) {
     EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{
                   {"tarvik_devices", "a,b"}, {"tarvik_update_interval_sec", "5"}}),
               kv);
-    vyrtest::write_file(path, "a=1\njust words\n");
-    EXPECT_EQ(path + ":2: expected KEY=VALUE, found 'just words'", read_config_file(path, &kv));
     remove(path.c_str());
     EXPECT_EQ("cannot read configuration file " + path + ": No such file or directory",
               read_config_file(path, &kv));
@@ -456,12 +432,6 @@ TEST(VyrhostExplain, WhyInitializeFailed) {
           {4, "[tarvik provider] Device  is set to collect, but not supported"},
           {3, none}},
          "no devices to collect (tarvik_devices names 'foo', '', which zdt does not report)"},
-        {{{3,
-           "[device_utils] No ZDT devices in /dev/zdt. Please run 'zdt start' to create "
-           "devices."},
-          {3, "[tarvik provider] Failed to get allowed devices"},
-          {3, none}},
-         "no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"},
         {{{3, "[device_utils]  No valid devices found"}, {3, none}},
          "no devices to collect ('zdt status -v' lists no Arcline or Tidegate adapter with a "
          "/dev/zdt entry)"},

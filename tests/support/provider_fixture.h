@@ -1,0 +1,238 @@
+// The provider as a host drives it, for namespace tests that run the whole
+// plug-in against the simulated zdt and phyprobe. The provider object is the
+// library's single static one, so every test hands it back as it found it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log_capture.h"
+#include "sim.h"
+#include "tarvik_collect.h"
+#include "tarvik_provider.h"
+#include "vyr_dict.h"
+#include "vyr_serializer.h"
+#include "vyr_type_system.h"
+
+namespace vyrtest {
+
+// Waits for what the simulators make true; a guard against hangs, never a
+// timing assertion.
+inline bool eventually(const std::function<bool()> &pred, int seconds = 30) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pred();
+}
+
+inline size_t count_lines(const std::vector<std::string> &lines, const std::string &text) {
+    return std::count(lines.begin(), lines.end(), text);
+}
+
+// The argv the simulated phyprobe logs for a device's one-shot run.
+inline std::string one_shot_argv(const std::string &dev) {
+    return "phyprobe -d /dev/zdt/" + dev + " --tarvik_collect /tmp/tarvik_collect_" + dev +
+           ".csv --tarvik_rewrite";
+}
+
+// Text of at most n bytes up to the first zero byte.
+inline std::string text_at(const uint8_t *p, size_t n = 64) {
+    return std::string(reinterpret_cast<const char *>(p),
+                       strnlen(reinterpret_cast<const char *>(p), n));
+}
+
+// A host that drains write_events with room for one event at a time, as a
+// collector with a small buffer does, and checks every event it receives.
+// Files written with the value line "{run},{dev}_{run}_x,{run}" carry the run
+// number in "seq", "seq2" and "note", so an event copied while it was being
+// converted would show two different runs.
+class Host {
+  public:
+    Host(tarvik_provider_t *p, vyr_type_system_t *ts)
+        : p_(p), ts_(ts), thread_([this] { loop(); }) {}
+    ~Host() {
+        running_ = false;
+        thread_.join();
+    }
+    bool delivered(const std::string &dev, uint64_t stamp) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stamps(dev).count(stamp);
+    }
+    size_t distinct_stamps(const std::string &dev) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stamps(dev).size();
+    }
+
+  private:
+    void loop() {
+        std::vector<uint8_t> buf(16 + vyr_type_system_get_max_event_type_size(ts_));
+        vyr_data_serializer_t ser{ts_->schemas, buf.data(), buf.size(), 0};
+        while (running_) {
+            ser.used = 0;
+            int rc = p_->provider.write_events(&p_->provider, 0, &ser);
+            EXPECT_GE(rc, 0);
+            for (uint64_t pos = 0; pos < ser.used;) pos += check(buf.data() + pos);
+            if (rc != 1) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    uint64_t check(const uint8_t *block) {
+        vyr_event_block_header_t h;
+        memcpy(&h, block, sizeof h);
+        EXPECT_TRUE(vyr_magic_value_match_type(h.magic, 'E') && h.count == 1);
+        const vyr_type_definition_t *t = ts_->schemas[h.schema_index]->types[h.type_index];
+        // Every field as text, without the CR that CR LF files leave in the last one.
+        std::map<std::string, std::string> v;
+        for (int i = 0; i < t->num_fields; ++i) {
+            const vyr_type_field_definition_t *f = t->fields[i];
+            const uint8_t *at = block + sizeof h + f->offset;
+            uint64_t n;
+            memcpy(&n, at, 8);
+            std::string name = f->field_name;
+            std::string text = strcmp(f->type_name, "char") ? std::to_string(n) : text_at(at);
+            for (std::string *s : {&name, &text})
+                s->erase(std::remove(s->begin(), s->end(), '\r'), s->end());
+            v[name] = text;
+        }
+        const std::string dev = v["device_name"], seq = v["seq"];
+        EXPECT_EQ(v["event_name"], "tarvik_event");
+        const std::string &seq2 = v.count("seq2") ? v["seq2"] : seq, &note = v["note"];
+        EXPECT_EQ(seq2, seq) << dev << ": torn event";
+        EXPECT_TRUE(seq.empty() || note.rfind(dev + "_", 0) || note == dev + "_" + seq + "_x")
+            << dev << ": torn event, seq " << seq << ", note " << note;
+        std::lock_guard<std::mutex> lock(mutex_);
+        stamps_[dev].insert(std::stoull(v["timestamp"]));
+        return sizeof h + t->size;
+    }
+
+    // The event holds at most 63 bytes of the device's name.
+    const std::set<uint64_t> &stamps(const std::string &dev) const {
+        static const std::set<uint64_t> none;
+        auto it = stamps_.find(dev.substr(0, 63));
+        return it == stamps_.end() ? none : it->second;
+    }
+
+    tarvik_provider_t *p_;
+    vyr_type_system_t *ts_;
+    std::atomic<bool> running_{true};
+    mutable std::mutex mutex_;
+    std::map<std::string, std::set<uint64_t>> stamps_;
+    std::thread thread_;  // last: starts once everything above exists
+};
+
+class ProviderTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        sim::reset();
+        p = tarvik_provider_instance();
+        params = vyr_dict_create();
+        ts = vyr_create_type_system();
+        ASSERT_NE(ts, nullptr);
+    }
+    void TearDown() override {
+        release();
+        vyr_dict_delete(params);
+        sim::reset();
+        log_.reset();
+    }
+    // Stops the threads and the host, and releases the provider and the type system.
+    void release() {
+        host.reset();  // first: it must not call into a destroyed provider
+        if (started) stop();
+        for (auto &e : p->devices) free(e.second.service_command);  // destroy keeps these
+        tarvik_provider_destroy(&p->provider);
+        p->type_infos.clear();
+        p->next_device = 0;
+        p->stop_requested = false;
+        vyr_destroy_type_system(ts);
+        ts = nullptr;
+    }
+    // The log from now on. The first call installs the capture: make it
+    // before any thread logs, the logger's level is a plain global.
+    LogCapture &fresh_log() {
+        if (!log_) log_.reset(new LogCapture);
+        log_->clear();
+        return *log_;
+    }
+    void set(const char *key, const char *value) { ASSERT_TRUE(vyr_dict_add(params, key, value)); }
+    void one_shot() { set("tarvik_phyprobe_as_service", "0"); }
+    vyr_event_provider_t *construct() {
+        if (!ts) ts = vyr_create_type_system();
+        return construct_event_provider(params);
+    }
+    bool initialize() { return p->provider.initialize(&p->provider, ts); }
+    // initialize, then a host starts draining events.
+    void host_up() {
+        ASSERT_TRUE(initialize());
+        vyr_type_system_update_md5_hashes(ts);
+        host.reset(new Host(p, ts));
+    }
+    void bring_up() {
+        construct();
+        host_up();
+    }
+    void start() {
+        ASSERT_TRUE(p->provider.start(&p->provider));
+        started = true;
+    }
+    int stop() {
+        started = false;
+        return p->provider.stop(&p->provider);
+    }
+    std::vector<std::string> device_names() const {
+        std::vector<std::string> names;
+        for (auto &e : p->devices) names.push_back(e.first);
+        return names;
+    }
+    tarvik_provider_dev_info_t &dev(const std::string &name) { return p->devices.at(name); }
+    // A device's event time; for the thread that runs the passes, so without the lock.
+    uint64_t stamp(const std::string &name) {
+        uint64_t t = 0;
+        if (dev(name).event_cache) memcpy(&t, dev(name).event_cache, 8);
+        return t;
+    }
+    // One iteration of what a device's service does: rewrite its collection file.
+    void run_tool(const std::string &name) { ASSERT_EQ(system(dev(name).command), 0); }
+    // One collection pass; the healthy devices' events must be newer than
+    // before and reach the host. In service mode nothing rewrites the files
+    // between passes, so the healthy devices' tool is run first.
+    void pass(const std::vector<std::string> &healthy = {"good"}) {
+        std::map<std::string, uint64_t> before;
+        for (const auto &h : healthy) {
+            if (p->run_as_service) run_tool(h);
+            before[h] = stamp(h);
+        }
+        tarvik_collect_pass(p);
+        for (const auto &h : healthy) {
+            uint64_t now = stamp(h);
+            EXPECT_GT(now, before[h]) << h << " did not get a fresh event";
+            EXPECT_TRUE(eventually([&] { return host->delivered(h, now); }, 10))
+                << h << "'s event never reached the host";
+        }
+    }
+
+    tarvik_provider_t *p = nullptr;
+    vyr_dict_t *params = nullptr;
+    vyr_type_system_t *ts = nullptr;
+    std::unique_ptr<Host> host;
+    bool started = false;
+
+  private:
+    std::unique_ptr<LogCapture> log_;
+};
+
+}  // namespace vyrtest
