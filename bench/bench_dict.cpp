@@ -120,21 +120,28 @@ void BM_DictGet(benchmark::State &state) {
 }
 
 // The table's own floor: the same lookup written inline over the same table
-// (X31 hash, quadratic probing, two flag bits a bucket, keys compared as
-// texts). What vyr_dict_get costs beyond this is overhead on top of the
-// format; what it costs beyond std::unordered_map is mostly the format itself,
-// which keeps no hashes and so reads every probed key.
+// (X31 hash eight bytes a step, quadratic probing, two flag bits a bucket, a
+// one-byte hash tag before each key comparison). What vyr_dict_get costs
+// beyond this is overhead on top of the format; what it costs beyond
+// std::unordered_map is the format itself: keys and values in arrays of their
+// own and every key stored out of line.
 const char *bare_probe(const vyr_dict_table_t *h, const char *key) {
     const unsigned char *s = reinterpret_cast<const unsigned char *>(key);
-    uint32_t hash = *s;
-    if (hash)
-        for (++s; *s; ++s) hash = (hash << 5) - hash + *s;
+    size_t n = strlen(key);
+    uint32_t hash = 0;
+    // 31^8 .. 31^1 modulo 2^32: eight independent products a step.
+    const uint32_t p8 = 2487512833u, p7 = 1742810335u, p6 = 887503681u, p5 = 28629151u;
+    for (; n >= 8; n -= 8, s += 8)
+        hash = hash * p8 + s[0] * p7 + s[1] * p6 + s[2] * p5 + s[3] * 923521u + s[4] * 29791u +
+               s[5] * 961u + s[6] * 31u + s[7];
+    for (; n > 0; --n, ++s) hash = hash * 31 + *s;
+    const uint8_t tag = (uint8_t)(hash >> 24);
     const uint32_t mask = h->n_buckets - 1;
     uint32_t i = hash & mask, step = 0;
     for (;;) {
         uint32_t flags = (h->flags[i >> 4] >> ((i & 0xfU) << 1)) & 3U;
         if (flags & 2U) return nullptr;
-        if (flags == 0 && strcmp(h->keys[i], key) == 0) return h->vals[i];
+        if (flags == 0 && h->tags[i] == tag && strcmp(h->keys[i], key) == 0) return h->vals[i];
         i = (i + (++step)) & mask;
     }
 }

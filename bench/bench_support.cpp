@@ -203,6 +203,7 @@ HandMadeProvider::HandMadeProvider(const std::string &dir, size_t devices, size_
         d.name = strdup(name);
         d.out_file_path = strdup(file.c_str());
         d.header_id = strdup("bench_hdr");
+        d.type_info = &p_->type_infos["bench_hdr"];  // as initialize records it
         d.header_offset = header_offset_;
         d.event_cache = static_cast<uint8_t *>(calloc(1, event_size_));
         memcpy(d.event_cache + TARVIK_EVENT_NAME_OFFSET, TARVIK_EVENT_NAME,

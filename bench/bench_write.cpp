@@ -55,6 +55,7 @@ class ReadyDevices {
             tarvik_provider_dev_info_t &d = p_->devices[name];
             d.name = strdup(name);
             d.header_id = strdup("bench_hdr");
+            d.type_info = &p_->type_infos["bench_hdr"];  // as initialize records it
             d.event_cache = static_cast<uint8_t *>(malloc(event_size));
             memset(d.event_cache, (int)(i & 0x7f), event_size);
             d.new_data = true;

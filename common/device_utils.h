@@ -19,8 +19,7 @@ bool device_utils_get_zdt_hca_names(std::vector<std::string> &names, bool ethern
 bool device_utils_parse_zdt_status(const std::string &report, std::vector<std::string> &names,
                                    bool ethernet_only);
 
-bool device_utils_get_hca_protocol(const std::string &name, bool &is_infiniband,
-                                   bool &is_ethernet);
+bool device_utils_get_hca_protocol(const std::string &name, bool &is_infiniband, bool &is_ethernet);
 
 }  // namespace common
 }  // namespace vyr

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 #include "vyr_logger.h"
 
 namespace {
@@ -38,13 +40,33 @@ inline size_t flag_words(uint32_t n_buckets) {
     return n_buckets < 16 ? 1 : n_buckets >> 4;
 }
 
-/* X31 hash over the key's bytes taken as unsigned values. */
+/* 31^k in 32-bit arithmetic. */
+constexpr uint32_t pow31(int k) {
+    uint32_t p = 1;
+    while (k-- > 0) p *= 31;
+    return p;
+}
+
+/* X31 hash over the key's bytes taken as unsigned values: h = h * 31 + b from
+ * h = 0. The byte-at-a-time form is one long chain of dependent steps; taking
+ * eight bytes at a time as h * 31^8 + b0 * 31^7 + ... + b7 gives the same
+ * value (all of it is arithmetic modulo 2^32) with eight independent products
+ * per step. */
 uint32_t x31_hash(const char *key) {
     const unsigned char *s = reinterpret_cast<const unsigned char *>(key);
-    uint32_t h = *s;
-    if (h)
-        for (++s; *s; ++s) h = (h << 5) - h + *s;
+    size_t n = strlen(key);
+    uint32_t h = 0;
+    for (; n >= 8; n -= 8, s += 8)
+        h = h * pow31(8) + s[0] * pow31(7) + s[1] * pow31(6) + s[2] * pow31(5) + s[3] * pow31(4) +
+            s[4] * pow31(3) + s[5] * pow31(2) + s[6] * pow31(1) + s[7];
+    for (; n > 0; --n, ++s) h = h * 31 + *s;
     return h;
+}
+
+/* The bucket index comes from the low bits; the top byte tells most keys of
+ * a probe sequence apart without reading them. */
+inline uint8_t tag_of(uint32_t hash) {
+    return (uint8_t)(hash >> 24);
 }
 
 uint32_t round_up_pow2(uint32_t x) {
@@ -88,6 +110,12 @@ bool rebuild(vyr_dict_table_t *h, uint32_t requested) {
             return false;
         }
         h->vals = new_vals;
+        uint8_t *new_tags = (uint8_t *)realloc(h->tags, new_n);
+        if (!new_tags) {
+            free(new_flags);
+            return false;
+        }
+        h->tags = new_tags;
     }
 
     uint32_t new_mask = new_n - 1;
@@ -95,6 +123,7 @@ bool rebuild(vyr_dict_table_t *h, uint32_t requested) {
         if (!is_live(h->flags, j)) continue;
         char *key = h->keys[j];
         char *val = h->vals[j];
+        uint8_t tag = h->tags[j];
         set_deleted(h->flags, j);
         for (;;) {
             uint32_t step = 0;
@@ -102,16 +131,14 @@ bool rebuild(vyr_dict_table_t *h, uint32_t requested) {
             while (!is_empty(new_flags, i)) i = (i + (++step)) & new_mask;
             set_not_empty(new_flags, i);
             if (i < h->n_buckets && is_live(h->flags, i)) {
-                char *tk = h->keys[i];
-                h->keys[i] = key;
-                key = tk;
-                char *tv = h->vals[i];
-                h->vals[i] = val;
-                val = tv;
+                std::swap(h->keys[i], key);
+                std::swap(h->vals[i], val);
+                std::swap(h->tags[i], tag);
                 set_deleted(h->flags, i);
             } else {
                 h->keys[i] = key;
                 h->vals[i] = val;
+                h->tags[i] = tag;
                 break;
             }
         }
@@ -123,6 +150,8 @@ bool rebuild(vyr_dict_table_t *h, uint32_t requested) {
         if (k) h->keys = k;
         char **v = (char **)realloc(h->vals, new_n * sizeof(char *));
         if (v) h->vals = v;
+        uint8_t *t = (uint8_t *)realloc(h->tags, new_n);
+        if (t) h->tags = t;
     }
     free(h->flags);
     h->flags = new_flags;
@@ -136,9 +165,12 @@ bool rebuild(vyr_dict_table_t *h, uint32_t requested) {
 uint32_t find(const vyr_dict_table_t *h, const char *key) {
     uint32_t mask = h->n_buckets - 1;
     uint32_t step = 0;
-    uint32_t i = x31_hash(key) & mask;
+    uint32_t hash = x31_hash(key);
+    uint8_t tag = tag_of(hash);
+    uint32_t i = hash & mask;
     uint32_t last = i;
-    while (!is_empty(h->flags, i) && (is_deleted(h->flags, i) || strcmp(h->keys[i], key) != 0)) {
+    while (!is_empty(h->flags, i) &&
+           (is_deleted(h->flags, i) || h->tags[i] != tag || strcmp(h->keys[i], key) != 0)) {
         i = (i + (++step)) & mask;
         if (i == last) return h->n_buckets;
     }
@@ -188,7 +220,8 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
 
     uint32_t mask = h->n_buckets - 1;
     uint32_t step = 0;
-    uint32_t i = x31_hash(key) & mask;
+    uint32_t hash = x31_hash(key);
+    uint32_t i = hash & mask;
     uint32_t last = i;
     uint32_t site = h->n_buckets; /* first deleted bucket passed */
     uint32_t x = h->n_buckets;
@@ -199,7 +232,7 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
         }
         if (is_deleted(h->flags, i)) {
             if (site == h->n_buckets) site = i;
-        } else if (strcmp(h->keys[i], key_copy) == 0) {
+        } else if (h->tags[i] == tag_of(hash) && strcmp(h->keys[i], key_copy) == 0) {
             x = i;
             break;
         }
@@ -225,6 +258,7 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
     bool was_empty = is_empty(h->flags, x);
     h->keys[x] = key_copy;
     h->vals[x] = val_copy;
+    h->tags[x] = tag_of(hash);
     set_live(h->flags, x);
     ++h->size;
     if (was_empty) ++h->n_occupied;
@@ -289,6 +323,7 @@ void vyr_dict_delete(vyr_dict_t *dict) {
         free(h->flags);
         free(h->keys);
         free(h->vals);
+        free(h->tags);
         free(h);
     }
     free(dict);

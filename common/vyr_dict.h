@@ -17,6 +17,7 @@ typedef struct vyr_dict_table {
     uint32_t *flags;      /* two bits a bucket: bit 1 empty, bit 0 deleted */
     char **keys;
     char **vals;
+    uint8_t *tags; /* top byte of each live key's hash: a probe reads a key only when it agrees */
 } vyr_dict_table_t;
 
 typedef struct vyr_dict {

@@ -24,8 +24,12 @@ static std::atomic<vyr_log_func_t> g_func{NULL};
 static std::atomic<pthread_mutex_t *> g_mutex{NULL};
 static pthread_mutex_t g_image_mutex;
 static std::atomic<bool> g_is_registered{false};
-static inline int level_get(void) { return __atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED); }
-static inline void level_set(int level) { __atomic_store_n(&vyr_log_level, level, __ATOMIC_RELAXED); }
+static inline int level_get(void) {
+    return __atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED);
+}
+static inline void level_set(int level) {
+    __atomic_store_n(&vyr_log_level, level, __ATOMIC_RELAXED);
+}
 
 static bool g_exit_handler_set = false;
 
@@ -43,7 +47,9 @@ void vyr_set_log_func(vyr_log_func_t func, int level) {
     g_kind = VYR_LOGGER_FUNC;
 }
 
-vyr_log_func_t vyr_get_log_func(void) { return g_func; }
+vyr_log_func_t vyr_get_log_func(void) {
+    return g_func;
+}
 
 vyr_logger_ctx_t *vyr_get_logger_ctx(void) {
     vyr_logger_ctx_t *ctx = (vyr_logger_ctx_t *)calloc(1, sizeof *ctx);
@@ -58,7 +64,9 @@ vyr_logger_ctx_t *vyr_get_logger_ctx(void) {
     return ctx;
 }
 
-void vyr_destroy_logger_ctx(vyr_logger_ctx_t *ctx) { free(ctx); }
+void vyr_destroy_logger_ctx(vyr_logger_ctx_t *ctx) {
+    free(ctx);
+}
 
 int _vyr_register_logger(vyr_logger_ctx_t *ctx) {
     if (!ctx) return 0;

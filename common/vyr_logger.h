@@ -59,18 +59,16 @@ void log_hex(const void *data, size_t length);
 /* The one call-site pattern: initialise if unset, gate on the level, then the
  * registered log function or the default writer. Arguments are not formatted
  * when the level gates the message out. */
-#define VYR_LOG(level, ...)                                                   \
-    do {                                                                      \
-        if (__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) == -1)         \
-            __vyr_init_logger_default();                                      \
-        if ((unsigned)__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) >=   \
-            (unsigned)(level)) {                                              \
-            vyr_log_func_t vyr_log_fn_ = vyr_get_log_func();                  \
-            if (vyr_log_fn_)                                                  \
-                vyr_log_fn_((level), __VA_ARGS__);                            \
-            else                                                              \
-                _vyr_log((level), __VA_ARGS__);                               \
-        }                                                                     \
+#define VYR_LOG(level, ...)                                                                       \
+    do {                                                                                          \
+        if (__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) == -1) __vyr_init_logger_default(); \
+        if ((unsigned)__atomic_load_n(&vyr_log_level, __ATOMIC_RELAXED) >= (unsigned)(level)) {   \
+            vyr_log_func_t vyr_log_fn_ = vyr_get_log_func();                                      \
+            if (vyr_log_fn_)                                                                      \
+                vyr_log_fn_((level), __VA_ARGS__);                                                \
+            else                                                                                  \
+                _vyr_log((level), __VA_ARGS__);                                                   \
+        }                                                                                         \
     } while (0)
 
 #define VYR_ERROR(...) VYR_LOG(VYR_LOG_LEVEL_ERROR, __VA_ARGS__)

@@ -58,7 +58,9 @@ bool narrow_convert(const char *text, T *out) {
 
 extern "C" {
 
-bool string_to_long(const char *text, long *out) { return strict_convert<long, strtol>(text, out); }
+bool string_to_long(const char *text, long *out) {
+    return strict_convert<long, strtol>(text, out);
+}
 
 bool string_to_long_long(const char *text, long long *out) {
     return strict_convert<long long, strtoll>(text, out);
@@ -72,12 +74,22 @@ bool string_to_unsigned_long_long(const char *text, unsigned long long *out) {
     return strict_convert<unsigned long long, strtoull>(text, out);
 }
 
-bool string_to_sizet(const char *text, size_t *out) { return narrow_convert(text, out); }
-bool string_to_u8(const char *text, uint8_t *out) { return narrow_convert(text, out); }
-bool string_to_u16(const char *text, uint16_t *out) { return narrow_convert(text, out); }
-bool string_to_u32(const char *text, uint32_t *out) { return narrow_convert(text, out); }
+bool string_to_sizet(const char *text, size_t *out) {
+    return narrow_convert(text, out);
+}
+bool string_to_u8(const char *text, uint8_t *out) {
+    return narrow_convert(text, out);
+}
+bool string_to_u16(const char *text, uint16_t *out) {
+    return narrow_convert(text, out);
+}
+bool string_to_u32(const char *text, uint32_t *out) {
+    return narrow_convert(text, out);
+}
 
-bool string_to_u64(const char *text, uint64_t *out) { return narrow_convert(text, out); }
+bool string_to_u64(const char *text, uint64_t *out) {
+    return narrow_convert(text, out);
+}
 
 /* Range texts hand in a slice of a longer text, so only `length` bytes count. */
 bool bounded_string_to_int(const char *text, size_t length, int *out) {

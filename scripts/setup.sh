@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential g++ cmake ninja-build pkg-config make
   libssl-dev libjansson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
   util-linux coreutils procps python3
   libmicrohttpd-dev prometheus curl
 )

@@ -237,12 +237,9 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
     size_t token_count =
         line.empty() ? 0 : count_commas(line.data(), line.size()) + (line.back() != ',' ? 1 : 0);
 
-    auto it = p->type_infos.find(dev->header_id);
-    if (it == p->type_infos.end())
-        it = p->type_infos.emplace(dev->header_id, tarvik_schema_type_info_t()).first;
+    const tarvik_schema_type_info_t &info = tarvik_device_type_info(p, dev);
     static const std::vector<vyr_event_tarvik_type_t> kNoFields;
-    const std::vector<vyr_event_tarvik_type_t> &fields =
-        it->second.fields ? *it->second.fields : kNoFields;
+    const std::vector<vyr_event_tarvik_type_t> &fields = info.fields ? *info.fields : kNoFields;
 
     if (token_count != fields.size()) {
         VYR_WARN(

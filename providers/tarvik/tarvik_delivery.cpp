@@ -70,13 +70,9 @@ int tarvik_provider_write_source_events(tarvik_provider_t *p, vyr_data_serialize
         }
         pthread_mutex_lock(&dev.event_lock);
         VYR_DEBUG("[tarvik provider] Writing event for device %s", dev.name);
-        // type_infos compares transparently: the key is measured once and no
-        // std::string is built for it.
-        auto info = p->type_infos.find(std::string_view(dev.header_id));
-        if (info == p->type_infos.end())
-            info = p->type_infos.emplace(dev.header_id, tarvik_schema_type_info_t()).first;
         int written = (int)vyr_data_serializer_write_events(
-            serializer, p->provider.schema_index, info->second.type_index, dev.event_cache, 1);
+            serializer, p->provider.schema_index, tarvik_device_type_info(p, &dev).type_index,
+            dev.event_cache, 1);
         pthread_mutex_unlock(&dev.event_lock);
         if (written <= 0) {
             // The cursor stays on this device; the next call starts here.

@@ -125,17 +125,16 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
         VYR_ERROR("[tarvik provider] [%s] No devices to collect. Provider will not run", fn);
         return false;
     }
-    vyr_schema_t *schema = vyr_type_system_add_schema(ts, TARVIK_PROVIDER_NAME,
-                                                      provider->version, &provider->schema_index);
+    vyr_schema_t *schema = vyr_type_system_add_schema(ts, TARVIK_PROVIDER_NAME, provider->version,
+                                                      &provider->schema_index);
     if (!schema) return false;
 
     for (auto &entry : p->devices) {
         tarvik_provider_dev_info_t &dev = entry.second;
         // No separator between the name and "hdr.csv".
         const std::string header_path = TARVIK_COLLECT_PREFIX + entry.first + "hdr.csv";
-        const std::string command = std::string("timeout 3") + " phyprobe -d " +
-                                    dev.device_path + " --tarvik_collect " + header_path +
-                                    " > /dev/null";
+        const std::string command = std::string("timeout 3") + " phyprobe -d " + dev.device_path +
+                                    " --tarvik_collect " + header_path + " > /dev/null";
         remove_stale(header_path.c_str());
         remove_stale(dev.out_file_path);
 
@@ -146,7 +145,8 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
             dev.disabled = true;
             continue;
         }
-        dev.parser = new TarvikFormatParser(header_path, new std::vector<vyr_event_tarvik_type_t>());
+        dev.parser =
+            new TarvikFormatParser(header_path, new std::vector<vyr_event_tarvik_type_t>());
         if (!dev.parser->parse()) {
             VYR_WARN("[tarvik provider] [%s] Could not parse tarvik header", fn);
             dev.disabled = true;
@@ -165,8 +165,9 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
             continue;
         }
         if (p->type_infos.count(dev.header_id)) {
-            VYR_INFO("[tarvik provider] [%s] Device %s has the same tarvik header as another device",
-                     fn, dev.name);
+            VYR_INFO(
+                "[tarvik provider] [%s] Device %s has the same tarvik header as another device", fn,
+                dev.name);
         } else if (!_create_tarvik_event_type(p, schema, &dev)) {
             VYR_ERROR("[tarvik provider] [%s] Could not create tarvik event type", fn);
             tarvik_provider_destroy(provider);
@@ -177,6 +178,7 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
             tarvik_provider_destroy(provider);
             return false;
         }
+        dev.type_info = &p->type_infos[dev.header_id];
     }
     return true;
 }

@@ -41,7 +41,9 @@ static_assert(sizeof(std::atomic<uint64_t>) == sizeof(uint64_t), "cursor keeps i
 // Zero-filled at load; the maps are built by the static initialiser.
 static tarvik_provider_t g_tarvik_provider;
 
-tarvik_provider_t *tarvik_provider_instance() { return &g_tarvik_provider; }
+tarvik_provider_t *tarvik_provider_instance() {
+    return &g_tarvik_provider;
+}
 
 tarvik_provider_t::~tarvik_provider_t() {
     devices.clear();
@@ -111,11 +113,10 @@ void tarvik_provider_add_device(const char *name, int32_t max_errors) {
     const std::string dev_name = name;
     const std::string out_file_path = TARVIK_COLLECT_PREFIX + dev_name + ".csv";
     const std::string device_path = TARVIK_DEVICE_DIR "/" + dev_name;
-    const std::string base = "phyprobe -d " + device_path + " --tarvik_collect " +
-                             out_file_path + " --tarvik_rewrite";
+    const std::string base =
+        "phyprobe -d " + device_path + " --tarvik_collect " + out_file_path + " --tarvik_rewrite";
     const std::string service = base + " --service_start " +
-                                std::to_string(p->update_interval_sec) +
-                                " --service_iterations " +
+                                std::to_string(p->update_interval_sec) + " --service_iterations " +
                                 std::to_string(TARVIK_SERVICE_ITERATIONS) + " > /dev/null";
     const std::string command = base + " > /dev/null";
 
@@ -128,8 +129,7 @@ void tarvik_provider_add_device(const char *name, int32_t max_errors) {
         char *&copy;
         const char *message;
     } copies[] = {
-        {dev_name, c_name,
-         "[tarvik provider] [%s] [%s] Failed to allocate memory for device name"},
+        {dev_name, c_name, "[tarvik provider] [%s] [%s] Failed to allocate memory for device name"},
         {device_path, c_device_path,
          "[tarvik provider] [%s][%s] Failed to allocate memory for device path"},
         {out_file_path, c_out_file_path,
@@ -160,6 +160,7 @@ void tarvik_provider_add_device(const char *name, int32_t max_errors) {
     d.event_cache = nullptr;
     d.new_data = false;
     d.header_id = nullptr;
+    d.type_info = nullptr;
     d.header_offset = 0;
     d.parser = nullptr;
     d.event_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -300,6 +301,7 @@ void tarvik_provider_destroy(vyr_event_provider_t *provider) {
             d.parser = nullptr;
         }
         free_and_clear(d.header_id);
+        d.type_info = nullptr;
         // service_command is deliberately not freed.
     }
     p->devices.clear();

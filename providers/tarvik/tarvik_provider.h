@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tarvik_format_parser.h"
@@ -24,6 +25,8 @@
 #define TARVIK_DEFAULT_INTERVAL_SEC 30
 #define TARVIK_DEFAULT_MAX_ERRORS 10
 
+struct tarvik_schema_type_info_t;
+
 // One selected device. Flags and counters shared between the collection,
 // service and host threads are atomics of the plain member's size.
 struct tarvik_provider_dev_info_t {
@@ -37,6 +40,9 @@ struct tarvik_provider_dev_info_t {
     uint8_t *event_cache = nullptr;
     std::atomic<bool> new_data{false};
     char *header_id = nullptr;
+    // The entry of type_infos for header_id, recorded by initialize once the
+    // type exists, so passes and writes skip the lookup by header text.
+    tarvik_schema_type_info_t *type_info = nullptr;
     uint64_t header_offset = 0;
     TarvikFormatParser *parser = nullptr;
     pthread_mutex_t event_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -76,6 +82,19 @@ struct tarvik_provider_t {
 
 // The one provider object of this library.
 tarvik_provider_t *tarvik_provider_instance();
+
+// The device's entry of type_infos. Map nodes never move and entries are never
+// erased while devices exist, so the entry initialize recorded stands for the
+// lookup; a device without one looks its header_id up (a missing key inserts
+// an empty entry, type index 0).
+inline tarvik_schema_type_info_t &tarvik_device_type_info(tarvik_provider_t *p,
+                                                          tarvik_provider_dev_info_t *dev) {
+    if (dev->type_info) return *dev->type_info;
+    auto it = p->type_infos.find(std::string_view(dev->header_id));
+    if (it == p->type_infos.end())
+        it = p->type_infos.emplace(dev->header_id, tarvik_schema_type_info_t()).first;
+    return it->second;
+}
 
 extern "C" vyr_event_provider_t *construct_event_provider(vyr_dict_t *params);
 

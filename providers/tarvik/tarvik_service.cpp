@@ -43,8 +43,9 @@ void *tarvik_service_thread_callback(void *arg) {
         if (dev->update_interval_sec * 1000000 > tarvik_now_usec()) {
             sleep(2);
         } else {
-            VYR_DEBUG("[tarvik provider] [%s] Starting service process for device %s for %d iterations",
-                      fn, dev->name, TARVIK_SERVICE_ITERATIONS);
+            VYR_DEBUG(
+                "[tarvik provider] [%s] Starting service process for device %s for %d iterations",
+                fn, dev->name, TARVIK_SERVICE_ITERATIONS);
             int rc = tarvik_run_shell(dev->service_command);
             if (rc == 0) {
                 VYR_DEBUG("[tarvik provider] [%s] Service process for device %s finished", fn,

@@ -12,8 +12,8 @@ extern "C" {
 #endif
 
 typedef struct vyr_counters_schema {
-    uint32_t size;     /* bytes of one counters record */
-    json_t *groups;    /* the "counter_groups" array as received, or an empty one */
+    uint32_t size;  /* bytes of one counters record */
+    json_t *groups; /* the "counter_groups" array as received, or an empty one */
 } vyr_counters_schema_t;
 
 vyr_counters_schema_t *vyr_create_counters_schema(void);

@@ -35,8 +35,8 @@ typedef struct vyr_data_serializer {
 void *vyr_data_serializer_get_events_buffer(vyr_data_serializer_t *ser, uint8_t schema_index,
                                             uint8_t type_index, uint8_t count, size_t *out_size);
 unsigned vyr_data_serializer_write_events_ts(vyr_data_serializer_t *ser, uint8_t schema_index,
-                                             uint8_t type_index, const void *events,
-                                             uint8_t count, uint64_t time);
+                                             uint8_t type_index, const void *events, uint8_t count,
+                                             uint64_t time);
 unsigned vyr_data_serializer_write_events(vyr_data_serializer_t *ser, uint8_t schema_index,
                                           uint8_t type_index, const void *events, uint8_t count);
 void *vyr_data_serializer_reserve_buffer(vyr_data_serializer_t *ser, uint64_t size);

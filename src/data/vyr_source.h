@@ -35,8 +35,7 @@ char *vyr_source_string(const vyr_source_t *source);
 bool vyr_source_full_string(const vyr_source_t *source, char *buffer, size_t size);
 vyr_source_array_t *vyr_create_source_array(void);
 bool vyr_source_array_append(vyr_source_array_t *array, vyr_source_t *source);
-uint16_t vyr_source_array_find_source(const vyr_source_array_t *array,
-                                      const vyr_source_t *source);
+uint16_t vyr_source_array_find_source(const vyr_source_array_t *array, const vyr_source_t *source);
 void vyr_destroy_source_array(vyr_source_array_t *array);
 vyr_source_array_t *vyr_create_default_source_array(const char *tag);
 vyr_source_array_t *vyr_create_source_array_from_string(const char *text);

@@ -22,8 +22,8 @@ typedef struct vyr_type_system {
 
 vyr_type_system_t *vyr_create_type_system(void);
 void vyr_destroy_type_system(vyr_type_system_t *ts);
-vyr_schema_t *vyr_type_system_add_schema(vyr_type_system_t *ts, const char *name,
-                                         uint32_t version, uint8_t *schema_index);
+vyr_schema_t *vyr_type_system_add_schema(vyr_type_system_t *ts, const char *name, uint32_t version,
+                                         uint8_t *schema_index);
 uint8_t vyr_type_system_remove_last_schema(vyr_type_system_t *ts);
 int vyr_type_system_find_schema(const vyr_type_system_t *ts, const char *id_text,
                                 uint8_t *schema_index);
@@ -35,10 +35,8 @@ int vyr_type_system_add_schema_from_serialized_json(vyr_type_system_t *ts, const
                                                     uint8_t *schema_index);
 int vyr_type_system_clone_schemas(vyr_type_system_t *dst, vyr_type_system_t *src,
                                   uint8_t *schema_index);
-vyr_schema_t *vyr_type_system_load_schema_filtered_by_fset(vyr_type_system_t *ts,
-                                                           const char *path,
-                                                           const vyr_field_set_t *fset,
-                                                           int *flag);
+vyr_schema_t *vyr_type_system_load_schema_filtered_by_fset(vyr_type_system_t *ts, const char *path,
+                                                           const vyr_field_set_t *fset, int *flag);
 vyr_schema_t *vyr_type_system_load_schema(vyr_type_system_t *ts, const char *path);
 /* The text is released with free(). */
 char *vyr_type_system_serialize(const vyr_type_system_t *ts, int pretty);

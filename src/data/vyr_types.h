@@ -64,7 +64,7 @@ typedef struct vyr_type_field_definition {
     uint32_t array_length;
     uint64_t offset;
     vyr_type_definition_t *type_definition; /* not owned */
-    uint16_t index; /* 0: not an index field */
+    uint16_t index;                         /* 0: not an index field */
 } vyr_type_field_definition_t;
 
 struct vyr_type_definition {

@@ -17,7 +17,7 @@ struct LogLine {
 
 // While alive, every message at or below `level` is recorded instead of written.
 class LogCapture {
-public:
+  public:
     explicit LogCapture(int level = VYR_LOG_LEVEL_DEBUG);
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;

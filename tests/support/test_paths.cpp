@@ -6,10 +6,18 @@
 
 namespace vyrtest {
 
-std::string source_dir() { return VYR_SOURCE_DIR; }
-std::string binary_dir() { return VYR_BINARY_DIR; }
-std::string golden_dir() { return VYR_GOLDEN_DIR; }
-std::string sim_dir() { return std::string(VYR_SOURCE_DIR) + "/tools/sim"; }
+std::string source_dir() {
+    return VYR_SOURCE_DIR;
+}
+std::string binary_dir() {
+    return VYR_BINARY_DIR;
+}
+std::string golden_dir() {
+    return VYR_GOLDEN_DIR;
+}
+std::string sim_dir() {
+    return std::string(VYR_SOURCE_DIR) + "/tools/sim";
+}
 
 std::string read_file(const std::string &path) {
     std::ifstream in(path, std::ios::binary);

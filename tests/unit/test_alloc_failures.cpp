@@ -95,8 +95,8 @@ class AllocFailures : public ::testing::Test {
 TEST_F(AllocFailures, DictionaryStringArraysAndLoggerContext) {
     walk_null(exactly(1), vyr_get_logger_ctx, vyr_destroy_logger_ctx);
 
-    // The fourth key grows the table: key, value, flags, keys, values.
-    walk(exactly(5), [](long n) {
+    // The fourth key grows the table: key, value, flags, keys, values, hashes.
+    walk(exactly(6), [](long n) {
         vyr_dict_t *d = vyr_dict_create();
         for (const char *k : {"k1", "k2", "k3"}) ASSERT_TRUE(vyr_dict_add(d, k, k));
         bool ok = failing(n, [&] { return vyr_dict_add(d, "k4", "v4"); });

@@ -215,4 +215,27 @@ TEST(Dict, AgreesWithStdMapOverRandomAddsAndGets) {
     EXPECT_EQ(Model(all.begin(), all.end()), model);
 }
 
+// Long keys with bytes above 127: each one must lie on the probe path that the
+// byte-at-a-time X31 hash gives it, before any empty bucket.
+TEST(Dict, EveryKeyLiesOnItsX31ProbePath) {
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> byte(1, 255), len(1, 40);
+    Dict d;
+    for (int n = 0; n < 3000; ++n) {
+        std::string key(static_cast<size_t>(len(rng)), ' ');
+        for (char &c : key) c = static_cast<char>(byte(rng));
+        ASSERT_TRUE(vyr_dict_add(d.d, key.c_str(), "v"));
+    }
+    const uint32_t mask = d.t()->n_buckets - 1;
+    auto empty = [&](uint32_t i) { return ((d.t()->flags[i >> 4] >> ((i & 15) * 2)) & 2) != 0; };
+    for (const auto &[key, bucket] : d.buckets()) {
+        uint32_t h = 0;
+        for (unsigned char c : key) h = h * 31 + c;
+        uint32_t i = h & mask, step = 0;
+        while (i != bucket && !empty(i)) i = (i + ++step) & mask;
+        ASSERT_EQ(i, bucket) << "key of length " << key.size();
+        EXPECT_STREQ(vyr_dict_get(d.d, key.c_str()), "v");
+    }
+}
+
 }  // namespace
