@@ -68,8 +68,8 @@ void BM_BareRead(benchmark::State &state) {
 // Memory a device holds while passes run, as heap in use (every byte of it is
 // written at creation, so it is resident; the process's own resident size
 // says little here, since freed memory of earlier runs is reused): its record, file
-// path, event cache and, with `parsers`, the parser initialization leaves on
-// it (header and value fields as strings, the field list).
+// path, event cache and, with `parsers`, what initialization leaves of the
+// parser (its texts and a duplicate field list are released once typed).
 void BM_MemoryPerDevice(benchmark::State &state) {
     vyrbench::TempDir dir;
     const size_t devices = (size_t)state.range(1);

@@ -212,6 +212,7 @@ HandMadeProvider::HandMadeProvider(const std::string &dir, size_t devices, size_
         if (parsers) {
             d.parser = new TarvikFormatParser(file, new std::vector<vyr_event_tarvik_type_t>());
             if (!d.parser->parse()) throw std::runtime_error("cannot parse " + file);
+            tarvik_release_parse_state(d);  // as initialize leaves it
         }
     }
 }

@@ -170,7 +170,7 @@ END {
         n = mem_names[i]
         split(n, parts, "/")
         sub(/fields:/, "", parts[2])
-        what = parts[2] " fields, " (parts[4] == "parsers:1" ? "with the parser initialization keeps" : "collection state only")
+        what = parts[2] " fields, " (parts[4] == "parsers:1" ? "with what initialization leaves" : "collection state only")
         row(what, sprintf("%.1f KiB", heap[n] / 1024), "", "", "")
     }
 

@@ -118,6 +118,16 @@ static void remove_stale(const char *path) {
                  path);
 }
 
+void tarvik_release_parse_state(tarvik_provider_dev_info_t &dev) {
+    if (!dev.parser) return;
+    std::vector<std::string>().swap(dev.parser->headerFields);
+    std::vector<std::string>().swap(dev.parser->valueFields);
+    if (dev.type_info && dev.type_info->fields != dev.parser->typesInfo) {
+        delete dev.parser->typesInfo;
+        dev.parser->typesInfo = nullptr;
+    }
+}
+
 bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_t *ts) {
     const char *fn = "tarvik_provider_initialize";
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
@@ -179,6 +189,7 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
             return false;
         }
         dev.type_info = &p->type_infos[dev.header_id];
+        tarvik_release_parse_state(dev);
     }
     return true;
 }

@@ -11,3 +11,8 @@
 #define TARVIK_EVENT_NAME "tarvik_event"
 
 bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_t *ts);
+
+// Drops what a typed device no longer reads: the parser's header and value
+// texts, and the field list of a device whose header another device typed.
+// Collection reads only the type entry's field list from here on.
+void tarvik_release_parse_state(tarvik_provider_dev_info_t &dev);

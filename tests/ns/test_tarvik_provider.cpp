@@ -161,6 +161,16 @@ TEST_F(TarvikProvider, DevicesWithTheSameHeaderShareOneType) {
         EXPECT_EQ(text_at(dev(n).event_cache + 8), "tarvik_event");
         EXPECT_EQ(text_at(dev(n).event_cache + 72), n);
     }
+    // Each device points at its type entry; only a header's first device keeps
+    // its field list (the entry's), and no parser keeps its texts.
+    for (const char *n : {"a", "b", "c"}) {
+        EXPECT_EQ(dev(n).type_info, &p->type_infos.at(dev(n).header_id));
+        EXPECT_TRUE(dev(n).parser->headerFields.empty());
+        EXPECT_TRUE(dev(n).parser->valueFields.empty());
+    }
+    EXPECT_EQ(dev("a").parser->typesInfo, dev("a").type_info->fields);
+    EXPECT_EQ(dev("b").parser->typesInfo, nullptr);
+    EXPECT_EQ(dev("c").parser->typesInfo, dev("c").type_info->fields);
 }
 
 // A text, a float and an integer column make a 216-byte event; one one-shot
