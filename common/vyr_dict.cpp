@@ -221,6 +221,7 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
     uint32_t mask = h->n_buckets - 1;
     uint32_t step = 0;
     uint32_t hash = x31_hash(key);
+    uint8_t tag = tag_of(hash);
     uint32_t i = hash & mask;
     uint32_t last = i;
     uint32_t site = h->n_buckets; /* first deleted bucket passed */
@@ -232,7 +233,7 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
         }
         if (is_deleted(h->flags, i)) {
             if (site == h->n_buckets) site = i;
-        } else if (h->tags[i] == tag_of(hash) && strcmp(h->keys[i], key_copy) == 0) {
+        } else if (h->tags[i] == tag && strcmp(h->keys[i], key_copy) == 0) {
             x = i;
             break;
         }
@@ -258,7 +259,7 @@ bool vyr_dict_add(vyr_dict_t *dict, const char *key, const char *value) {
     bool was_empty = is_empty(h->flags, x);
     h->keys[x] = key_copy;
     h->vals[x] = val_copy;
-    h->tags[x] = tag_of(hash);
+    h->tags[x] = tag;
     set_live(h->flags, x);
     ++h->size;
     if (was_empty) ++h->n_occupied;

@@ -96,8 +96,8 @@ static bool _create_tarvik_event_type(tarvik_provider_t *p, vyr_schema_t *schema
     return true;
 }
 
-static bool _create_tarvik_event_cache(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev) {
-    const tarvik_schema_type_info_t &info = p->type_infos[dev->header_id];
+static bool _create_tarvik_event_cache(tarvik_provider_dev_info_t *dev) {
+    const tarvik_schema_type_info_t &info = *dev->type_info;
     uint8_t *cache = (uint8_t *)calloc(1, info.event_size);
     if (!cache) {
         VYR_ERROR("[tarvik provider] [%s] Failed to allocate memory for device event cache",
@@ -183,12 +183,12 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
             tarvik_provider_destroy(provider);
             return false;
         }
-        if (!_create_tarvik_event_cache(p, &dev)) {
+        dev.type_info = &p->type_infos[dev.header_id];
+        if (!_create_tarvik_event_cache(&dev)) {
             VYR_ERROR("[tarvik provider] [%s] Could not create tarvik event cache", fn);
             tarvik_provider_destroy(provider);
             return false;
         }
-        dev.type_info = &p->type_infos[dev.header_id];
         tarvik_release_parse_state(dev);
     }
     return true;

@@ -47,27 +47,20 @@ inline uint64_t free_space(const vyr_data_serializer_t *ser) {
 }
 
 // The wire form is little-endian whatever the host order; the destination
-// need not be aligned. The header is assembled in two 64-bit words and stored
-// with two plain stores: built byte by byte in a scratch array and copied, it
-// stalled the copy on store forwarding, a cost as large as the record copy.
-inline uint64_t to_le64(uint64_t v) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    return __builtin_bswap64(v);
-#else
-    return v;
-#endif
-}
-
+// need not be aligned. Fields are stored straight into the block: a header
+// built in a scratch array and copied over stalled the copy on store
+// forwarding, a cost as large as a 1 KiB record copy.
 inline void write_header(uint8_t *dst, uint8_t schema_index, uint8_t type_index, uint8_t count,
                          uint64_t time) {
-    // Bytes 0-3 magic "VYRE", 4-11 time, 12 schema, 13-14 type (16-bit), 15 count.
-    const uint64_t magic = (uint64_t)'V' | (uint64_t)'Y' << 8 | (uint64_t)'R' << 16 |
-                           (uint64_t)VYR_BLOCK_TYPE_EVENTS << 24;
-    const uint64_t lo = magic | (time & 0xffffffffull) << 32;
-    const uint64_t hi = time >> 32 | (uint64_t)schema_index << 32 | (uint64_t)type_index << 40 |
-                        (uint64_t)count << 56;
-    const uint64_t words[2] = {to_le64(lo), to_le64(hi)};
-    memcpy(dst, words, kHeaderSize);
+    vyr_magic_value_fill(reinterpret_cast<char *>(dst), VYR_BLOCK_TYPE_EVENTS);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    time = __builtin_bswap64(time);
+#endif
+    memcpy(dst + 4, &time, sizeof time);
+    dst[12] = schema_index;
+    dst[13] = type_index;  // 16-bit on the wire, written from an 8-bit value
+    dst[14] = 0;
+    dst[15] = count;
 }
 
 }  // namespace
