@@ -44,7 +44,28 @@ if [ "${1:-}" = "--inside" ]; then
     umount /mnt/olddev
     umount /mnt
 
+    # A checkout or build under /tmp (a clone in /tmp/x, say) would vanish
+    # under the fresh /tmp: hold each such top directory on /mnt meanwhile and
+    # bind it back at the same path.
+    keep=()
+    for path in "$REPO" "$PWD" "$(readlink -f -- "$(command -v -- "$1" || echo "$1")")"; do
+        case $path in /tmp/?*) keep+=("/tmp/$(cut -d/ -f3 <<<"$path")") ;; esac
+    done
+    mapfile -t keep < <(printf '%s\n' ${keep[@]+"${keep[@]}"} | sort -u)
+    if [ ${#keep[@]} -gt 0 ]; then
+        mount -t tmpfs -o mode=755 ns_run_keep /mnt || fail "cannot mount a tmpfs on /mnt"
+        for i in "${!keep[@]}"; do
+            mkdir "/mnt/$i"
+            mount --bind "${keep[$i]}" "/mnt/$i" || fail "cannot hold ${keep[$i]}"
+        done
+    fi
     mount -t tmpfs -o mode=1777 ns_run_tmp /tmp || fail "cannot mount a tmpfs on /tmp"
+    for i in "${!keep[@]}"; do
+        mkdir -p "${keep[$i]}"
+        mount --bind "/mnt/$i" "${keep[$i]}" || fail "cannot bind ${keep[$i]} back"
+        umount "/mnt/$i"
+    done
+    if [ ${#keep[@]} -gt 0 ]; then umount /mnt; fi
     mount -t tmpfs -o mode=755 ns_run_sysclass /sys/class || fail "cannot mount a tmpfs on /sys/class"
     is_tmpfs /tmp && is_tmpfs /sys/class || fail "/tmp or /sys/class is not a tmpfs"
     mkdir /sys/class/net /sys/class/infiniband
