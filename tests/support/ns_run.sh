@@ -51,7 +51,7 @@ if [ "${1:-}" = "--inside" ]; then
     for path in "$REPO" "$PWD" "$(readlink -f -- "$(command -v -- "$1" || echo "$1")")"; do
         case $path in /tmp/?*) keep+=("/tmp/$(cut -d/ -f3 <<<"$path")") ;; esac
     done
-    mapfile -t keep < <(printf '%s\n' ${keep[@]+"${keep[@]}"} | sort -u)
+    mapfile -t keep < <(printf '%s\n' ${keep[@]+"${keep[@]}"} | sort -u | sed '/^$/d')
     if [ ${#keep[@]} -gt 0 ]; then
         mount -t tmpfs -o mode=755 ns_run_keep /mnt || fail "cannot mount a tmpfs on /mnt"
         for i in "${!keep[@]}"; do
