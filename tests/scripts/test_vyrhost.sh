@@ -82,7 +82,7 @@ expect_eq "tarvik_event_0 tarvik_event_1" \
 PHYPROBE_SIM_HEADER_LINE='FW_Version,Raw_Errors_Lane[0],Effective_Physical_BER,Rx/Tx<dB>' \
     PHYPROBE_SIM_VALUE_LINE='16.35.2000,12,0.5,3' \
     "$VYRHOST" --set tarvik_devices=arx0 --print-schema >golden.json 2>err.txt
-GOLDEN=$REPO/../shared/golden/schema_json
+GOLDEN=$REPO/tests/golden/schema_json
 if [ -f "$GOLDEN/tarvik_basic.pretty.json" ]; then
     head -c -1 golden.json | cmp -s - "$GOLDEN/tarvik_basic.pretty.json" ||
         fail "schema of the golden header differs from tarvik_basic.pretty.json"

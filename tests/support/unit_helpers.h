@@ -117,7 +117,7 @@ inline std::string text_of(const json_t *value, bool pretty = false) {
     return value ? take(vyr_json_serialize(value, pretty ? 1 : 0)) : "<null>";
 }
 
-// A file of the shared golden schema JSON set, e.g. "two_types.pretty.json".
+// A file of the golden schema JSON set, e.g. "two_types.pretty.json".
 inline std::string golden(const std::string &file) {
     return read_file(golden_dir() + "/schema_json/" + file);
 }
