@@ -9,7 +9,6 @@
 
 namespace {
 
-using vyrtest::LogCapture;
 using Bytes = std::vector<uint8_t>;
 
 // A hand-made schema table at index 1 with record sizes 30, 5 and 0, and a
@@ -20,179 +19,130 @@ struct Buffer {
     vyr_schema_t *schemas[2] = {nullptr, &schema};
     Bytes bytes;
     vyr_data_serializer_t ser = {};
-    explicit Buffer(uint64_t capacity) : bytes(capacity + 8, 0xAA) {
+    explicit Buffer(uint64_t capacity, uint64_t used = 0) : bytes(capacity + 8, 0xAA) {
         schema.name = const_cast<char *>("demo");
         types[0].size = 30;
         types[1].size = 5;
         for (int i = 0; i < 3; ++i) schema.types[i] = &types[i];
         schema.num_types = 3;
-        ser = {schemas, bytes.data(), capacity, 0};
-    }
-    Bytes slice(size_t from, size_t n) const {
-        return Bytes(bytes.begin() + from, bytes.begin() + from + n);
+        ser = {schemas, bytes.data(), capacity, used};
     }
 };
 
-Bytes header(uint8_t schema, uint8_t type, uint8_t count, uint64_t time) {
-    Bytes h = {'V', 'Y', 'R', 'E'};
-    for (int i = 0; i < 8; ++i) h.push_back(uint8_t(time >> (8 * i)));
-    h.insert(h.end(), {schema, type, 0, count});
-    return h;
-}
-
 TEST(Serializer, BlockBytesAreLittleEndianHeaderThenRecords) {
-    Buffer b(64);
+    Buffer b(100);
     const uint8_t records[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    const uint64_t time = 0x0102030405060708ull;
-    EXPECT_EQ(2u, vyr_data_serializer_write_events_ts(&b.ser, 1, 1, records, 2, time));
-    EXPECT_EQ(26u, b.ser.used);
-    Bytes want = header(1, 1, 2, time);
-    want.insert(want.end(), records, records + 10);
-    EXPECT_EQ(want, b.slice(0, 26));
-    EXPECT_EQ(0xAA, b.bytes[26]) << "nothing written past the records";
-
-    // A second block starts where the first ended.
+    EXPECT_EQ(2u,
+              vyr_data_serializer_write_events_ts(&b.ser, 1, 1, records, 2, 0x0102030405060708ull));
     EXPECT_EQ(1u, vyr_data_serializer_write_events_ts(&b.ser, 1, 1, records + 5, 1, 7));
-    want = header(1, 1, 1, 7);
-    want.insert(want.end(), records + 5, records + 10);
-    EXPECT_EQ(want, b.slice(26, 21));
+    const Bytes want = {'V', 'Y', 'R', 'E', 8, 7, 6, 5, 4, 3,  2,   1,   1,   1,   0,  2,
+                        1,   2,   3,   4,   5, 6, 7, 8, 9, 10, 'V', 'Y', 'R', 'E', 7,  0,
+                        0,   0,   0,   0,   0, 0, 1, 1, 0, 1,  6,   7,   8,   9,   10, 0xAA};
+    EXPECT_EQ(want, Bytes(b.bytes.begin(), b.bytes.begin() + 48));
     EXPECT_EQ(47u, b.ser.used);
+
+    // The clock stamp is the wall clock in microseconds.
+    uint64_t before = vyr_time_now_usec(), stamped;
+    ASSERT_EQ(1u, vyr_data_serializer_write_events(&b.ser, 1, 1, records, 1));
+    memcpy(&stamped, b.bytes.data() + 47 + 4, 8);
+    EXPECT_LE(before, stamped);
+    EXPECT_GE(vyr_time_now_usec(), stamped);
 }
 
-TEST(Serializer, WriteCutsTheCountToWhatFits) {
+TEST(Serializer, WritesAndReservationsCutToWhatFits) {
     const struct {
         uint64_t capacity, used;
         uint8_t type, count;
-        unsigned written;
+        unsigned written;  // by a write
         uint64_t used_after;
+        unsigned capacity_left;  // records of the type that fit before the write
     } cases[] = {
-        {100, 0, 0, 5, 2, 76},  // 84 free bytes hold two 30-byte records
-        {76, 0, 0, 2, 2, 76},   // the buffer filled to the last byte
-        {75, 0, 0, 2, 1, 46},   // one byte short of the second record
-        {45, 0, 0, 9, 0, 0},    // record larger than the free space: nothing
-        {16, 0, 0, 0, 0, 0},    // not even an empty block fits without free space
-        {10, 0, 0, 1, 0, 0},    // smaller than a header
-        {100, 0, 0, 0, 0, 16},  // a count of 0 still writes an empty block
-        {200, 150, 0, 5, 1, 196}, {200, 0, 1, 255, 36, 196},  // 184 / 5
+        {100, 0, 0, 5, 2, 76, 2},  // 84 free bytes hold two 30-byte records
+        {76, 0, 0, 2, 2, 76, 2},   // the buffer filled to the last byte
+        {75, 0, 0, 2, 1, 46, 1},   // one byte short of the second record
+        {45, 0, 0, 9, 0, 0, 0},    // record larger than the free space: nothing
+        {16, 0, 0, 0, 0, 0, 0},    // not even an empty block fits without free space
+        {10, 0, 0, 1, 0, 0, 0},    // smaller than a header
+        {100, 0, 0, 0, 0, 16, 2},  // a count of 0 still writes an empty block
+        {200, 150, 0, 5, 1, 196, 1}, {200, 0, 1, 255, 36, 196, 36},  // 184 / 5
     };
     static uint8_t records[255 * 30];
     for (const auto &c : cases) {
         SCOPED_TRACE("capacity " + std::to_string(c.capacity) + " count " +
                      std::to_string(c.count));
-        Buffer b(c.capacity);
-        b.ser.used = c.used;
+        Buffer b(c.capacity, c.used);
+        EXPECT_EQ(c.capacity_left, vyr_data_serializer_get_capacity(&b.ser, 1, c.type));
         EXPECT_EQ(c.written, vyr_data_serializer_write_events(&b.ser, 1, c.type, records, c.count));
         EXPECT_EQ(c.used_after, b.ser.used);
         EXPECT_TRUE(c.used_after == c.used || b.bytes[c.used + 15] == c.written) << "block count";
         EXPECT_EQ(0xAA, b.bytes[c.capacity]) << "wrote past the capacity";
     }
-}
 
-TEST(Serializer, WriteStampsTheWallClock) {
-    Buffer b(100);
-    const uint8_t record[5] = {};
-    uint64_t before = vyr_time_now_usec();
-    ASSERT_EQ(1u, vyr_data_serializer_write_events(&b.ser, 1, 1, record, 1));
-    uint64_t after = vyr_time_now_usec(), stamped;
-    memcpy(&stamped, b.bytes.data() + 4, 8);  // the test host is little-endian
-    EXPECT_LE(before, stamped);
-    EXPECT_GE(after, stamped);
+    Buffer r(20);
+    EXPECT_EQ(r.bytes.data(), vyr_data_serializer_reserve_buffer(&r.ser, 12));
+    EXPECT_EQ(nullptr, vyr_data_serializer_reserve_buffer(&r.ser, 9));
+    EXPECT_EQ(r.bytes.data() + 12, vyr_data_serializer_reserve_buffer(&r.ser, 8));
+    EXPECT_EQ(20u, r.ser.used);
+    EXPECT_EQ(0xAA, r.bytes[0]) << "no header is written";
 }
 
 TEST(Serializer, EventsBufferReservesABlockForTheCaller) {
     Buffer b(100);
-    LogCapture log;
+    vyrtest::LogCapture log;
     size_t size = 0;
     EXPECT_EQ(b.bytes.data() + 16, vyr_data_serializer_get_events_buffer(&b.ser, 1, 1, 3, &size));
     EXPECT_EQ(15u, size);
     EXPECT_EQ(31u, b.ser.used);
-    EXPECT_EQ(0, memcmp(b.bytes.data(), "VYRE", 4));
-    EXPECT_EQ((Bytes{1, 1, 0, 3}), b.slice(12, 4));
+    EXPECT_EQ((Bytes{'V', 'Y', 'R', 'E'}), Bytes(b.bytes.begin(), b.bytes.begin() + 4));
+    EXPECT_EQ((Bytes{1, 1, 0, 3}), Bytes(b.bytes.begin() + 12, b.bytes.begin() + 16));
     // Too large by two bytes: 100 - 16 - 31 = 53 free, 11 records need 55.
-    size = 123;
     EXPECT_EQ(nullptr, vyr_data_serializer_get_events_buffer(&b.ser, 1, 1, 11, &size));
-    EXPECT_EQ(123u, size);
+    EXPECT_EQ(15u, size);
     EXPECT_EQ(31u, b.ser.used);
-
-    // No free space at all; writes say nothing about it.
     Buffer full(16);
-    EXPECT_EQ(0u, vyr_data_serializer_write_events(&full.ser, 1, 0, b.bytes.data(), 1));
     EXPECT_EQ(nullptr, vyr_data_serializer_get_events_buffer(&full.ser, 1, 0, 1, &size));
-    EXPECT_EQ(0u, full.ser.used);
     const std::string cannot =
         "[Data Serializer][vyr_data_serializer_get_events_buffer] Cannot get data buffer. ";
-    EXPECT_EQ(1u, log.count(VYR_LOG_LEVEL_DEBUG, cannot + "free_space = 53 < data_size = 55"));
-    EXPECT_EQ(1u, log.count(VYR_LOG_LEVEL_DEBUG, cannot + "free_space = 0 < data_size = 30"));
-    EXPECT_EQ(2u, log.lines().size()) << log.dump();
-
-    // A zero-size type always gets a block, as long as a header fits.
+    EXPECT_EQ(vyrtest::unit::texts(log),
+              (std::vector<std::string>{cannot + "free_space = 53 < data_size = 55",
+                                        cannot + "free_space = 0 < data_size = 30"}));
+    // A zero-size type gets a block as long as a header fits.
     EXPECT_EQ(full.bytes.data() + 16,
               vyr_data_serializer_get_events_buffer(&full.ser, 1, 2, 4, &size));
     EXPECT_EQ(0u, size);
-    EXPECT_EQ(16u, full.ser.used);
     EXPECT_EQ(4, full.bytes[15]);
     EXPECT_EQ(nullptr, vyr_data_serializer_get_events_buffer(&full.ser, 1, 2, 4, &size));
 }
 
 // The rate-limit clocks are process-wide, so this is the only test that
-// reaches the zero-size report.
+// reaches the zero-size report; the capacity query keeps its own clock.
 TEST(Serializer, ZeroSizeReportIsRateLimitedPerEntryPoint) {
     Buffer b(100);
-    LogCapture log;
-    const std::string msg = "schema demo type index 2 size is zero";
-    EXPECT_EQ(0u, vyr_data_serializer_write_events(&b.ser, 1, 2, "x", 1));
-    EXPECT_EQ(0u, vyr_data_serializer_write_events(&b.ser, 1, 2, "x", 1));
-    EXPECT_EQ(0u, b.ser.used);
-    EXPECT_EQ(1u, log.count(VYR_LOG_LEVEL_ERROR, msg)) << log.dump();
-    // The capacity query keeps its own clock: the write's report does not silence it.
-    EXPECT_EQ(0u, vyr_data_serializer_get_capacity(&b.ser, 1, 2));
-    EXPECT_EQ(0u, vyr_data_serializer_get_capacity(&b.ser, 1, 2));
-    EXPECT_EQ(2u, log.count(VYR_LOG_LEVEL_ERROR, msg)) << log.dump();
-    EXPECT_EQ(2u, log.lines().size()) << log.dump();
-}
-
-TEST(Serializer, CapacityAndRawReservations) {
-    Buffer b(100);
-    EXPECT_EQ(2u, vyr_data_serializer_get_capacity(&b.ser, 1, 0));   // 84 / 30
-    EXPECT_EQ(16u, vyr_data_serializer_get_capacity(&b.ser, 1, 1));  // 84 / 5
-    b.ser.used = 54;
-    EXPECT_EQ(1u, vyr_data_serializer_get_capacity(&b.ser, 1, 0));  // 30 / 30
-    for (uint64_t used : {84, 95}) {
-        b.ser.used = used;
-        EXPECT_EQ(0u, vyr_data_serializer_get_capacity(&b.ser, 1, 1)) << used;
+    vyrtest::LogCapture log;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(0u, vyr_data_serializer_write_events(&b.ser, 1, 2, "x", 1));
+        EXPECT_EQ(0u, vyr_data_serializer_get_capacity(&b.ser, 1, 2));
     }
-
-    Buffer r(20);
-    EXPECT_EQ(r.bytes.data(), vyr_data_serializer_reserve_buffer(&r.ser, 12));
-    EXPECT_EQ(nullptr, vyr_data_serializer_reserve_buffer(&r.ser, 9));
-    EXPECT_EQ(12u, r.ser.used);
-    EXPECT_EQ(r.bytes.data() + 12, vyr_data_serializer_reserve_buffer(&r.ser, 8));
-    EXPECT_EQ(r.bytes.data() + 20, vyr_data_serializer_reserve_buffer(&r.ser, 0));
-    EXPECT_EQ(20u, r.ser.used);
-    EXPECT_EQ(0xAA, r.bytes[0]) << "no header is written";
+    EXPECT_EQ(0u, b.ser.used);
+    const std::string msg = "schema demo type index 2 size is zero";
+    EXPECT_EQ(vyrtest::unit::texts(log), (std::vector<std::string>{msg, msg}));
 }
 
 TEST(Serializer, MagicValues) {
     vyr_magic_value_t m, lower, copy = {};
     vyr_magic_value_fill(m, 'E');
-    EXPECT_EQ(0, memcmp(m, "VYRE", 4));
     EXPECT_TRUE(vyr_magic_value_match_type(m, 'E'));
     EXPECT_FALSE(vyr_magic_value_match_type(m, 'e'));
     vyr_magic_value_fill_lower(lower, 'E');
     EXPECT_EQ(0, memcmp(lower, "vyre", 4));
-    EXPECT_FALSE(vyr_magic_value_match_type(lower, 'e')) << "type match wants upper-case letters";
     EXPECT_FALSE(vyr_magic_value_match(m, lower));
     vyr_magic_value_copy(copy, m);
     EXPECT_TRUE(vyr_magic_value_match(copy, m));
-    copy[3] = 'B';
-    EXPECT_FALSE(vyr_magic_value_match(copy, m));
-
     // A zero byte ends the letter comparison; the fourth bytes still count.
     const vyr_magic_value_t a = {'V', '\0', 'X', 'E'}, b = {'V', '\0', 'Y', 'E'},
-                            c = {'V', '\0', 'Y', 'F'}, d = {'V', 'Y', 'S', 'E'};
+                            c = {'V', '\0', 'Y', 'F'};
     EXPECT_TRUE(vyr_magic_value_match(a, b));
     EXPECT_FALSE(vyr_magic_value_match(a, c));
-    EXPECT_FALSE(vyr_magic_value_match(m, d));
 }
 
 }  // namespace
