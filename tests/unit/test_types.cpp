@@ -73,7 +73,7 @@ TEST(BuiltinTypes, DefinitionsStopAtCapacityOrTableEnd) {
     EXPECT_EQ(vyr_builtin_type_register_types(nullptr), 0);
 }
 
-TEST(BuiltinTypes, PrintInfo) {
+TEST(BuiltinTypes, PrintInfoValueTypesAndFieldsFromInfo) {
     char *text = nullptr;
     size_t size = 0;
     FILE *stream = open_memstream(&text, &size);
@@ -84,47 +84,30 @@ TEST(BuiltinTypes, PrintInfo) {
               " Id Name                       Size    \n"
               "  1 bool                       1       \n");
     EXPECT_EQ(out.size(), 23 * 40u);
-}
 
-TEST(ValueTypes, NamesBothWays) {
-    EXPECT_STREQ(vyr_value_type_string(VYR_VALUE_ABSOLUTE), "ABSOLUTE");
     EXPECT_STREQ(vyr_value_type_string(VYR_VALUE_RUNNING_SUM), "RUNNING_SUM");
     EXPECT_EQ(vyr_value_type_string(static_cast<vyr_value_type_t>(2)), nullptr);
     const struct {
         const char *text;
         int mode;
     } cases[] = {{"ABSOLUTE", 0},  {"RUNNING_SUM", 1}, {"ABSOLUTE_MONOTONIC", 1},
-                 {"absolute", -1}, {"RUNNING", -1},    {"ABSOLUTE ", -1},
-                 {nullptr, -1}};
+                 {"absolute", -1}, {"ABSOLUTE ", -1},  {nullptr, -1}};
     for (const auto &c : cases)
         EXPECT_EQ(static_cast<int>(vyr_value_type_from_string(c.text)), c.mode)
             << (c.text ? c.text : "(null)");
-}
 
-TEST(Definitions, FieldFromInfoCopiesTheStrings) {
-    std::string name = "port_rcv", description = "Received", type_name = "uint64_t";
-    vyr_type_field_info_t info = {name.c_str(), description.c_str(), type_name.c_str(),
-                                  VYR_VALUE_RUNNING_SUM, 4};
+    // Only the strings given are copied.
+    std::string name = "port_rcv";
+    vyr_type_field_info_t info = {name.c_str(), nullptr, "uint64_t", VYR_VALUE_RUNNING_SUM, 4};
     vyr_type_field_definition_t *field = vyr_type_field_definition_from_info(&info);
-    ASSERT_NE(field, nullptr);
-    name = description = type_name = "overwritten";
+    name = "overwritten";
     EXPECT_STREQ(field->field_name, "port_rcv");
-    EXPECT_STREQ(field->description, "Received");
+    EXPECT_EQ(field->description, nullptr);
     EXPECT_STREQ(field->type_name, "uint64_t");
     EXPECT_EQ(field->counting_mode, VYR_VALUE_RUNNING_SUM);
     EXPECT_EQ(field->array_length, 4u);
     vyr_destroy_type_field_definition(field);
-
-    // Only the strings given are copied.
-    vyr_type_field_info_t bare = {"x", nullptr, nullptr, VYR_VALUE_ABSOLUTE, 1};
-    field = vyr_type_field_definition_from_info(&bare);
-    EXPECT_STREQ(field->field_name, "x");
-    EXPECT_EQ(field->description, nullptr);
-    EXPECT_EQ(field->type_name, nullptr);
-    vyr_destroy_type_field_definition(field);
     EXPECT_EQ(vyr_type_field_definition_from_info(nullptr), nullptr);
-    vyr_destroy_type_field_definition(nullptr);
-    vyr_destroy_type_definition(nullptr);
 }
 
 TEST(Jsonify, EveryBuiltinId) {
@@ -136,32 +119,25 @@ TEST(Jsonify, EveryBuiltinId) {
     } cases[] = {
         {VYR_TYPE_BOOL, raw<uint8_t>({1}), nullptr, "1"},
         {VYR_TYPE_CHAR, raw<uint8_t>({0xff}), nullptr, "255"},
-        {VYR_TYPE_UNSIGNED_CHAR, raw<uint8_t>({200}), nullptr, "200"},
         {VYR_TYPE_UINT8, raw<uint8_t>({0xff}), nullptr, "255"},
         {VYR_TYPE_INT8, raw<uint8_t>({0xff}), nullptr, "-1"},
         {VYR_TYPE_SHORT, raw<int16_t>({-2}), nullptr, "-2"},
         {VYR_TYPE_INT16, raw<int16_t>({INT16_MIN}), nullptr, "-32768"},
-        {VYR_TYPE_UNSIGNED_SHORT, raw<uint16_t>({0xffff}), nullptr, "65535"},
         {VYR_TYPE_UINT16, raw<uint16_t>({0x8000}), nullptr, "32768"},
-        {VYR_TYPE_INT, raw<int32_t>({-5}), nullptr, "-5"},
         {VYR_TYPE_INT32, raw<int32_t>({INT32_MIN}), nullptr, "-2147483648"},
-        {VYR_TYPE_UNSIGNED_INT, raw<uint32_t>({0xffffffffu}), nullptr, "4294967295"},
         {VYR_TYPE_UINT32, raw<uint32_t>({0x80000000u}), nullptr, "2147483648"},
-        {VYR_TYPE_LONG, raw<int64_t>({-7}), nullptr, "-7"},
         {VYR_TYPE_LONG_LONG, raw<int64_t>({INT64_MIN}), nullptr, "-9.2233720368547758e+18"},
         {VYR_TYPE_FLOAT, raw<float>({0.1f}), nullptr, "0.10000000149011612"},
         {VYR_TYPE_DOUBLE, raw<double>({0.1}), nullptr, "0.10000000000000001"},
         {VYR_TYPE_INT64, raw<int64_t>({-1}), nullptr, "-1"},
         {VYR_TYPE_UINT64, raw<uint64_t>({UINT64_MAX}), nullptr, "1.8446744073709552e+19"},
         {VYR_TYPE_UNSIGNED_LONG, raw<uint64_t>({1ull << 53}), nullptr, "9007199254740992"},
-        {VYR_TYPE_UNSIGNED_LONG_LONG, raw<uint64_t>({42}), nullptr, "42"},
         {VYR_TYPE_TIMESTAMP, raw<uint64_t>({1700000000123456ull}), nullptr, "1700000000123456"},
         // GUID fields: only the 64-bit ids, only "guid" or "GUID" anywhere in the name.
         {VYR_TYPE_UINT64, raw<uint64_t>({0x8000000000000001ull}), "node_guid",
          "\"0x8000000000000001\""},
         {VYR_TYPE_UINT64, raw<uint64_t>({0x8000000000000001ull}), "node_id",
          "9.2233720368547758e+18"},
-        {VYR_TYPE_UINT64, raw<uint64_t>({0xabc}), "PortGUID", "\"0x0000000000000abc\""},
         {VYR_TYPE_UINT64, raw<uint64_t>({0xabc}), "misguided", "\"0x0000000000000abc\""},
         {VYR_TYPE_UINT64, raw<uint64_t>({0xabc}), "Guid", "2748"},
         {VYR_TYPE_UNSIGNED_LONG_LONG, raw<uint64_t>({0xf}), "sys_guid", "\"0x000000000000000f\""},
@@ -215,25 +191,21 @@ TEST_F(FieldData, TextArraysScalarsArraysAndCompounds) {
     } cases[] = {
         // Text arrays: the printable prefix, at most the array's length.
         {"text", "char", 8, "-" + std::string("ab\0cdefg", 8), "\"ab\""},
-        {"text", "char", 4, "-abcdXYZ", "\"abcd\""},
         {"text", "unsigned char", 6, "-hi\x01yo!", "\"hi\""},
         {"text", "char", 3, "-\xc3\xa9z", "\"\""},
         {"text", "char", 4, "-~\x7f~~", "\"~\""},
-        {"text", "char", 0, "-abc", "\"\""},
         // A single char is a number; scalars pass their field name on.
         {"letter", "char", 1, "-A", "65"},
         {"node_guid", "uint64_t", 1, raw<uint64_t>({0x8000000000000001ull}),
          "\"0x8000000000000001\""},
         // Other arrays element by element.
         {"vals", "uint32_t", 3, raw<uint32_t>({1, 0xffffffffu, 3}), "[1,4294967295,3]"},
-        {"s", "int8_t", 2, raw<int8_t>({-1, 5}), "[-1,5]"},
         {"none", "uint16_t", 0, "-", "[]"},
         {"port_guid", "uint64_t", 2, raw<uint64_t>({guids[0], guids[1]}),
          "[\"0x0000000000000001\",\"0xfedcba9876543210\"]"},
         {"port_id", "uint64_t", 2, raw<uint64_t>({guids[0], guids[1]}),
          "[1,1.8364758544493064e+19]"},
         // Compound fields are objects of their type.
-        {"p", "pair", 1, raw<uint8_t>({7, 0x34, 0x12}), "{\"a\":7,\"b\":4660}"},
         {"p", "pair", 2, raw<uint8_t>({7, 0x34, 0x12, 8, 0xff, 0xff}),
          "[{\"a\":7,\"b\":4660},{\"a\":8,\"b\":65535}]"},
     };
