@@ -132,29 +132,6 @@ TEST(TypeSystem, ReceivedTextIsIdentifiedAsGivenAndHeldOnce) {
     EXPECT_EQ(t.ts->schemas[3]->md5_string, golden_md5("empty_types_array"));
 }
 
-// Version refusals of schema texts are shown in test_schema_json.
-TEST(TypeSystem, ReceivedTextRefusals) {
-    const struct {
-        const char *text;
-        std::string message;
-    } cases[] = {
-        {nullptr, "Failed to read schemas as JSON"},
-        {"{", "Failed to read schemas as JSON"},
-        {"[]", "Failed to convert schema from JSON to internal memory representation"},
-        {R"({"counter_groups":{}})",
-         "Failed to convert schema from JSON to internal memory representation"},
-    };
-    TypeSystem t;
-    for (const auto &c : cases) {
-        LogCapture log;
-        uint8_t index = 42;
-        EXPECT_EQ(vyr_type_system_add_schema_from_serialized_json(t.ts, c.text, &index), -1);
-        EXPECT_EQ(index, 42);
-        EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_ERROR, c.message)) << log.dump();
-    }
-    EXPECT_EQ(t.ts->num_schemas, 0);
-}
-
 TEST(TypeSystem, SerializeAndDeserializeRoundTrip) {
     TypeSystem t;
     add_demo(t.ts, "demo");
@@ -222,39 +199,48 @@ TEST(TypeSystem, CountersSchemaForms) {
     vyr_destroy_type_system(ts);
 }
 
-TEST(TypeSystem, DeserializeRefusals) {
+// Texts refused by the reader of one schema (nullptr in `whole`) or of a whole type system.
+TEST(TypeSystem, RefusedTexts) {
     const std::string old = "[ts] Failed to deserialize: schema version ";
     const std::string minimal =
         " is incompatible with the deserializer, the minimal supported schema version is 1.4.0";
+    const std::string failed = "[ts] Failed to deserialize: ";
     const struct {
+        bool whole;
         std::string text;
         std::string message;
     } cases[] = {
-        {"{", "Failed parsing schema JSON string"},
-        {"[1]", "[ts] Failed to deserialize: schema is not a JSON object"},
-        {R"({"schemas":[]})", "[ts] Failed to deserialize: missing Vyrhub schema version"},
-        {R"({"version":1,"schemas":[]})",
-         "[ts] Failed to deserialize: missing Vyrhub schema version"},
-        {R"({"version":"1.3.9","schemas":[]})", old + "1.3.9" + minimal},
-        {R"({"version":"0.9.0","schemas":[]})", old + "0.9.0" + minimal},
-        {R"({"version":"1.5.0","counters_schema":{"groups":[]},"schemas":[]})",
-         "[ts] Failed to deserialize: unable to decode counters schema"},
-        {R"({"version":"1.5.0"})",
+        {false, "{", "Failed to read schemas as JSON"},
+        {false, R"({"counter_groups":{}})",
+         "Failed to convert schema from JSON to internal memory representation"},
+        {true, "{", "Failed parsing schema JSON string"},
+        {true, "[1]", failed + "schema is not a JSON object"},
+        {true, R"({"version":1,"schemas":[]})", failed + "missing Vyrhub schema version"},
+        {true, R"({"version":"1.3.9","schemas":[]})", old + "1.3.9" + minimal},
+        {true, R"({"version":"1.5.0","counters_schema":{"groups":[]},"schemas":[]})",
+         failed + "unable to decode counters schema"},
+        {true, R"({"version":"1.5.0"})",
          "[schema writer] schema was not recognized as either type system or counters schema"},
-        {R"({"version":"1.5.0","schemas":[{"x":1}]})",
-         "[ts] Failed to deserialize: unable to decode type schema"},
-        {R"({"version":"1.5.0","schemas":[)" + golden("tarvik_basic.compact.json") + "," +
+        {true, R"({"version":"1.5.0","schemas":[{"x":1}]})",
+         failed + "unable to decode type schema"},
+        {true,
+         R"({"version":"1.5.0","schemas":[)" + golden("tarvik_basic.compact.json") + "," +
              kUnresolvable + "]}",
-         "[ts] Failed to deserialize: unable to adjust type fields of schema p"},
+         failed + "unable to adjust type fields of schema p"},
     };
+    TypeSystem t;
     for (const auto &c : cases) {
         LogCapture log;
-        EXPECT_EQ(vyr_type_system_deserialize(c.text.c_str()), nullptr) << c.text;
+        uint8_t index = 42;
+        if (c.whole)
+            EXPECT_EQ(vyr_type_system_deserialize(c.text.c_str()), nullptr) << c.text;
+        else
+            EXPECT_EQ(vyr_type_system_add_schema_from_serialized_json(t.ts, c.text.c_str(), &index),
+                      -1);
+        EXPECT_EQ(index, 42);
         EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_ERROR, c.message)) << c.text << "\n" << log.dump();
     }
-    LogCapture log;
-    EXPECT_EQ(vyr_type_system_deserialize(nullptr), nullptr);
-    EXPECT_EQ(vyr_type_system_from_json(nullptr), nullptr);
+    EXPECT_EQ(t.ts->num_schemas, 0);
 }
 
 TEST(TypeSystem, DeserializeStopsAtTheSchemaLimit) {
