@@ -15,12 +15,11 @@ build() {  # build DIR [cmake args...]
   cmake --build "$dir" -j "$JOBS"
 }
 
-echo "== normal build"
-build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+echo "== normal build (with the benchmarks, configured once)"
+build build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYR_BUILD_BENCH=ON
 (cd build && ctest --output-on-failure -j "$JOBS")
 
 echo "== benchmark smoke run (every benchmark once; no timing is checked)"
-build build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYR_BUILD_BENCH=ON
 build/bench/vyr_bench --benchmark_min_time=0.001 >/dev/null
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
@@ -39,8 +38,8 @@ cmake --build build-tsan -j "$JOBS" --target "${THREADED[@]}"
   ctest --output-on-failure -j "$JOBS" -L threads)
 
 # Every fuzz target for a short while from its seed corpus (CI, or on request
-# with VYR_FUZZ_SECONDS=<seconds per target>).
+# with VYR_FUZZ_SECONDS=<seconds per target>); longer runs belong to fuzz/run.sh.
 if [ -n "${CI:-}" ] || [ -n "${VYR_FUZZ_SECONDS:-}" ]; then
   echo "== fuzz targets (libFuzzer, ASan+UBSan)"
-  VYR_FUZZ_BUILD_DIR=$ROOT/build-fuzz VYR_FUZZ_JOBS=$JOBS bash fuzz/run.sh "${VYR_FUZZ_SECONDS:-20}"
+  VYR_FUZZ_BUILD_DIR=$ROOT/build-fuzz VYR_FUZZ_JOBS=$JOBS bash fuzz/run.sh "${VYR_FUZZ_SECONDS:-10}"
 fi

@@ -75,7 +75,6 @@ struct Op {
 };
 
 const Op kOps[] = {
-    {"logger context", [](long k) { vyr_destroy_logger_ctx(failing(k, vyr_get_logger_ctx)); }},
     {"dictionary add that grows the table",
      [](long k) {
          vyr_dict_t *d = vyr_dict_create();
@@ -94,15 +93,6 @@ const Op kOps[] = {
          EXPECT_EQ(copy == nullptr, fired());
          vyr_dict_delete(copy);
          vyr_dict_delete(d);
-     }},
-    {"string array append",
-     [](long k) {
-         vyr_string_array_t *a = vyr_init_string_array();
-         vyr_append_string_array(&a, "x");
-         bool ok = failing(k, [&] { return vyr_append_string_array(&a, "y"); });
-         EXPECT_EQ(ok, !fired());
-         EXPECT_EQ(a->count, ok ? 2u : 1u);
-         vyr_free_string_array(a);
      }},
     {"comma split",
      [](long k) {
@@ -197,16 +187,6 @@ const Op kOps[] = {
          EXPECT_EQ(index, rc == 0 ? 0 : 99);
          EXPECT_TRUE(rc == -1 ? !lines.empty() : rc == 0 && ts->schemas[0]->num_types == 1);
          vyr_destroy_type_system(ts);
-     }},
-    {"source array append",
-     [](long k) {
-         vyr_source_array_t *a = vyr_create_default_source_array("t");
-         vyr_source_t *s = vyr_create_source("x", "y");
-         bool ok = failing(k, [&] { return vyr_source_array_append(a, s); });
-         EXPECT_EQ(ok, !fired());
-         EXPECT_EQ(a->count, ok ? 2 : 1);
-         if (!ok) vyr_destroy_source(s);
-         vyr_destroy_source_array(a);
      }},
     {"default source array",
      [](long k) {
