@@ -153,6 +153,7 @@ TEST(StringArray, CommaSplit) {
     } cases[] = {
         {",a,,b,", 6, {"a", "b"}},
         {",,,", 3, {}},
+        {"x", 1, {"x"}},
         {" a b , c", 8, {" a b ", " c"}},
         {"a,bcd", 3, {"a", "b"}},  // exactly `length` bytes are read
         {"a," + longest + ",b", 1027, {"a", longest, "b"}},
