@@ -136,6 +136,20 @@ TEST(SchemaJsonRead, FieldObjects) {
     }
 }
 
+// A field that cannot be written (no description) leaves its type without a
+// JSON form, and nothing half-built behind.
+TEST(SchemaJsonWrite, UnwritableFieldGivesNothing) {
+    vyr_type_definition_t *t = vyr_create_type_definition();
+    t->name = strdup("t");
+    t->fields = (vyr_type_field_definition_t **)calloc(1, sizeof *t->fields);
+    t->fields[0] = vyr_create_type_field_definition();
+    t->fields[0]->field_name = strdup("f");
+    t->fields[0]->type_name = strdup("int");
+    t->num_fields = 1;
+    EXPECT_EQ(vyr_type_definition_jsonify(t), nullptr);
+    vyr_destroy_type_definition(t);
+}
+
 std::string schema_text(const char *format_version, const std::string &types) {
     return std::string(R"({"title":"Vyrhub schema","vyr_version":")") + format_version +
            R"(","provider_name":"p","provider_version":"3.2.1","types":)" + types + "}";
