@@ -99,8 +99,11 @@ TEST(JsonParse, Inputs) {
             << "numbers are reals";
     }
     EXPECT_EQ(vyr_json_parse_string(nullptr), nullptr);
-    vyrtest::unit::TempFile empty;
-    EXPECT_EQ(vyr_json_parse_file(empty.path.c_str()), nullptr);
+    for (const char *content : {"", "7"}) {  // an empty file holds no value
+        vyrtest::unit::TempFile file(content);
+        Json parsed(vyr_json_parse_file(file.path.c_str()));
+        EXPECT_EQ(text_of(parsed.v), *content ? content : "<null>");
+    }
 }
 
 TEST(JsonValidate, TemplatesMatchByTypeOnly) {

@@ -173,10 +173,9 @@ TEST_F(SchemaTest, IndexCallsRejectBadArguments) {
 
 TEST(SchemaId, TextFormsCopiesAndBlob) {
     vyr_schema_id_t id, b;
-    ASSERT_EQ(vyr_schema_from_id_string("000102030405060708090A0b0c0d0eff", id), 1);
-    for (int i = 0; i < 15; ++i) EXPECT_EQ(id[i], i);
-    EXPECT_EQ(id[15], 0xFF);
-    EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(id)), "000102030405060708090a0b0c0d0eff");
+    ASSERT_EQ(vyr_schema_from_id_string("00010203040506070809Aa0b0c0d0eFf", id), 1);
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(id[i], i == 10 ? 0xAA : i == 15 ? 0xFF : i);
+    EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(id)), "00010203040506070809aa0b0c0d0eff");
     for (const char *bad : {(const char *)nullptr, "e9dec1fa2dfaf27564098809ba5ac47",
                             "e9dec1fa2dfaf27564098809ba5ac4700", "e9dec1fa2dfaf27564098809ba5ac47g",
                             " 9dec1fa2dfaf27564098809ba5ac470"})
