@@ -135,6 +135,13 @@ const Op kOps[] = {
          free(got);
          vyr_destroy_type_system(ts);
      }},
+    {"built-in types into a schema",
+     [](long k) {
+         vyr_schema_t *s = vyr_create_schema("<built-in>", 1);
+         int ok = failing(k, [&] { return vyr_schema_register_builtin_types(s); });
+         EXPECT_EQ(ok, fired() ? 0 : 1);
+         vyr_destroy_schema(s);  // releases the types made before the failure
+     }},
     {"type system create",
      [](long k) {
          vyrtest::LogCapture log;
