@@ -67,18 +67,6 @@ inline void write_header(uint8_t *dst, uint8_t schema_index, uint8_t type_index,
 
 extern "C" {
 
-uint64_t vyr_time_now_usec(void) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t sec = (uint64_t)ts.tv_sec;
-    uint64_t usec = (uint64_t)ts.tv_nsec / 1000;
-    if (ts.tv_nsec > 999999999) {
-        sec += 1;
-        usec -= 1000000;
-    }
-    return sec * 1000000 + usec;
-}
-
 void *vyr_data_serializer_get_events_buffer(vyr_data_serializer_t *ser, uint8_t schema_index,
                                             uint8_t type_index, uint8_t count, size_t *out_size) {
     const vyr_schema_t *schema;
