@@ -140,7 +140,9 @@ uint64_t vyr_data_serializer_get_capacity(const vyr_data_serializer_t *ser, uint
     return free_space(ser) / size;
 }
 
+// A null magic value is left alone and matches nothing.
 void vyr_magic_value_fill(vyr_magic_value_t magic, char type) {
+    if (!magic) return;
     magic[0] = 'V';
     magic[1] = 'Y';
     magic[2] = 'R';
@@ -148,21 +150,22 @@ void vyr_magic_value_fill(vyr_magic_value_t magic, char type) {
 }
 
 void vyr_magic_value_fill_lower(vyr_magic_value_t magic, char type) {
+    if (!magic) return;
     vyr_magic_value_fill(magic, type);
     for (int i = 0; i < 4; ++i) magic[i] = (char)tolower((unsigned char)magic[i]);
 }
 
 void vyr_magic_value_copy(vyr_magic_value_t dst, const vyr_magic_value_t src) {
-    memcpy(dst, src, sizeof(vyr_magic_value_t));
+    if (dst && src) memcpy(dst, src, sizeof(vyr_magic_value_t));
 }
 
 bool vyr_magic_value_match_type(const vyr_magic_value_t magic, char type) {
-    return magic[0] == 'V' && magic[1] == 'Y' && magic[2] == 'R' && magic[3] == type;
+    return magic && magic[0] == 'V' && magic[1] == 'Y' && magic[2] == 'R' && magic[3] == type;
 }
 
 bool vyr_magic_value_match(const vyr_magic_value_t a, const vyr_magic_value_t b) {
     // The letters compare as a text: a zero byte ends the comparison early.
-    return strncmp(a, b, 3) == 0 && a[3] == b[3];
+    return a && b && strncmp(a, b, 3) == 0 && a[3] == b[3];
 }
 
 }  // extern "C"
