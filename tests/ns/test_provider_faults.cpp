@@ -238,36 +238,6 @@ TEST_F(ProviderFaults, OneShotFaultsStayWithTheirDevice) {
     }
 }
 
-TEST_F(ProviderFaults, PhyprobeMissingFromPath) {
-    one_shot();
-    construct();  // discovery still finds the simulated zdt
-    setenv("PATH", kNoSimPath, 1);
-    auto &log = fresh_log();
-    host_up();
-    for (const char *d : {"bad", "good"}) {
-        EXPECT_TRUE(dev(d).disabled);
-        EXPECT_TRUE(log.contains(4, header_run_failed(d, "32512"))) << log.dump();
-    }
-    pass({});
-    release();
-
-    // Gone after initialization: each device is disabled at its first failed
-    // run; the last good events stay on offer.
-    setenv("PATH", path_.c_str(), 1);
-    bring_up();
-    pass({"bad", "good"});
-    setenv("PATH", kNoSimPath, 1);
-    const uint64_t last = stamp("good");
-    pass({});
-    for (const char *d : {"bad", "good"}) {
-        EXPECT_TRUE(dev(d).disabled);
-        EXPECT_TRUE(log.contains(4, run_failed(d, "32512"))) << log.dump();
-    }
-    pass({});
-    EXPECT_EQ(stamp("good"), last);
-    EXPECT_TRUE(eventually([&] { return host->delivered("good", last); }));
-}
-
 // A device whose header run failed has no event type; a service run that
 // ends well clears its disabled flag, and the collector must still leave it alone.
 TEST_F(ProviderFaults, HeaderRunFailureInServiceModeStaysOutOfCollection) {
@@ -419,25 +389,6 @@ TEST_F(ProviderFaults, CollectionFileBrokenBetweenPasses) {
     uint64_t seq;
     memcpy(&seq, dev("bad").event_cache + 136, 8);
     EXPECT_EQ(seq, 8u);
-}
-
-TEST_F(ProviderFaults, NulBytesAndInvalidUtf8InValuesAreCopiedAsBytes) {
-    bring_up();  // service mode
-    // A NUL ends the numeric token for the conversion; text slots keep the
-    // bytes (a consumer reading them as C text stops at the NUL).
-    const std::string note("\xff\xfe\x00tail\xc3", 8);
-    vyrtest::write_file(kBadFile, kHeaderLine + std::string("5\x00junk", 6) + "," + note + ",5\n");
-    pass();
-    ASSERT_TRUE(dev("bad").new_data);
-    const uint8_t *e = dev("bad").event_cache;
-    uint64_t seq, seq2;
-    memcpy(&seq, e + 136, 8);
-    memcpy(&seq2, e + 136 + 8 + 64, 8);
-    EXPECT_EQ(seq, 5u);
-    EXPECT_EQ(seq2, 5u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(e + 144), 9), note + std::string(1, '\0'));
-    const uint64_t t = stamp("bad");
-    EXPECT_TRUE(eventually([&] { return host->delivered("bad", t); }));
 }
 
 // Before its run, a one-shot pass removes a file above 50 MiB (the tool then

@@ -161,7 +161,9 @@ TEST_F(Delivery, ResumeFollowsTheMapWhenItWasRebuiltBetweenCalls) {
     ASSERT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
     ASSERT_EQ(p->next_device, 2u);
     // As a second construct_event_provider would: old records gone, new ones in.
-    tarvik_provider_destroy(&p->provider);
+    tarvik_provider_destroy(&p->provider);  // the cursor too starts over
+    EXPECT_EQ(p->next_device, 0u);
+    p->next_device = 2;
     add("x", true);
     add("y", true);
     add("z", true);
