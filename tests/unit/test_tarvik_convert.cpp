@@ -120,11 +120,6 @@ TEST(TarvikConversion, FollowsTheRoundingModeLikeStrtod) {
         }
     }
     fesetround(FE_TONEAREST);
-    // The rounding modes do give different results for these, so the test has teeth.
-    ASSERT_EQ(fesetround(FE_DOWNWARD), 0);
-    double down = reference_double("0.1");
-    fesetround(FE_TONEAREST);
-    EXPECT_FALSE(same_bits(down, reference_double("0.1")));
 }
 
 // The line converter reads numbers in place, across what follows them in the
@@ -180,22 +175,6 @@ class LineConversion : public ::testing::Test {
     std::vector<vyr_event_tarvik_type_t> fields;
     tarvik_provider_dev_info_t dev;
 };
-
-TEST_F(LineConversion, EdgeTokensInEveryColumnType) {
-    std::vector<std::string> tokens;
-    for (const char *t : kEdgeTokens)
-        if (!strchr(t, ',')) tokens.push_back(t);
-    tokens.push_back("9");  // a final empty token would not be a token at all
-    const tarvik_field_type_t kinds[] = {TARVIK_FIELD_UINT64, TARVIK_FIELD_DOUBLE,
-                                         TARVIK_FIELD_STRING};
-    for (int shift = 0; shift < 3; ++shift) {
-        std::vector<tarvik_field_type_t> types;
-        for (size_t i = 0; i < tokens.size(); ++i) types.push_back(kinds[(i + shift) % 3]);
-        check_line(tokens, types);
-        // Whole lines of one type, so each token is followed by its neighbours too.
-        check_line(tokens, std::vector<tarvik_field_type_t>(tokens.size(), kinds[shift]));
-    }
-}
 
 TEST_F(LineConversion, RandomLines) {
     unsigned seed = 777;
