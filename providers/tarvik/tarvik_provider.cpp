@@ -216,11 +216,13 @@ vyr_source_array_t *tarvik_provider_get_sources(vyr_event_provider_t *) {
 int tarvik_provider_write_events(vyr_event_provider_t *provider, uint16_t source_index,
                                  vyr_data_serializer_t *serializer) {
     // The host passes only indexes of sources that get_sources returned.
+    if (!provider || !serializer) return VYR_WRITE_ERROR;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
     return p->write_callbacks[source_index](p, serializer);
 }
 
 bool tarvik_provider_query(vyr_event_provider_t *, void *, vyr_provider_query_record_t *record) {
+    if (!record) return false;
     record->value = 7;
     record->reserved32 = 0;
     record->reserved16 = 0;
