@@ -54,7 +54,9 @@ bool exited(pid_t pid) {
     siginfo_t info;
     memset(&info, 0, sizeof info);
     // WNOWAIT: the child stays a zombie, so its id keeps naming its group.
-    return waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+    if (waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return errno == ECHILD;  // reaped behind our back (SIGCHLD ignored): nothing to wait for
+    return info.si_pid == pid;
 }
 
 void drain(int fd, std::string *out) {
