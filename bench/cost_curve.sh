@@ -130,9 +130,25 @@ MD
   texts once the device is typed, and the field list of every device whose
   header another device typed first, so a parser leaves little behind.
 - Allocation: `tests/unit/test_hot_path_alloc.cpp` counts every allocation
-  of its process and finds none in a warm collection pass, none in
-  write_events (draining and resuming), and none over 10,000 passes with a
-  drain each over 64 devices, with the heap in use unchanged.
+  of its process and finds none in a warm collection pass and none in
+  write_events (draining and resuming).
+
+## Initialization against columns
+
+`BM_InitializeColumns` (bench/bench_init.cpp) initializes one device whose
+header has 10,000 or 100,000 columns: the header run (a stand-in tool that
+copies a prepared file), the parse, the typing and the event type's
+registration. Wall time, 2026-11-23, same machine:
+
+| columns | before | now |
+| --- | --- | --- |
+| 10,000 | 359 ms | 43.6 ms |
+| 100,000 | 30,330 ms | 223 ms |
+| growth for 10x columns | 84x | 5.1x |
+
+Before, the type registration compared every field name with all the names
+before it; the first repeated name is now found in one walk over a hash set
+of the names seen, with the same result and the same message.
 MD
 } > "$DOCS/performance.md"
 echo "wrote $DOCS/performance.md and its PNGs"

@@ -2,7 +2,6 @@
 #include "device_utils.h"
 
 #include <dirent.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "vyr_command.h"
 #include "vyr_logger.h"
 
 namespace vyr {
@@ -22,7 +22,6 @@ const char kZdtDir[] = "/dev/zdt";
 const char kZdtPrefix[] = "/dev/zdt/";
 const size_t kZdtPrefixLen = sizeof(kZdtPrefix) - 1;
 const char kZdtStatusCommand[] = "zdt status -v";
-const size_t kReadPiece = 1024;
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t';
@@ -181,17 +180,15 @@ bool device_utils_get_zdt_hca_names(std::vector<std::string> &names, bool ethern
         return false;
     }
     names.clear();
-    FILE *pipe = popen(kZdtStatusCommand, "r");
-    if (!pipe) {
+    /* The report keeps NUL bytes and arbitrarily long lines intact; the
+     * tool's exit status tells nothing the report does not. */
+    std::string report;
+    CommandOptions options;
+    options.output = &report;
+    if (run_command(kZdtStatusCommand, options) == -1) {
         VYR_ERROR("[device_utils] Failed to execute zdt status command");
         return false;
     }
-    /* fread keeps NUL bytes and arbitrarily long lines intact. */
-    std::string report;
-    char piece[kReadPiece];
-    size_t got;
-    while ((got = fread(piece, 1, sizeof piece, pipe)) > 0) report.append(piece, got);
-    pclose(pipe); /* the tool's exit status tells nothing the report does not */
     return device_utils_parse_zdt_status(report, names, ethernet_only);
 }
 

@@ -190,6 +190,7 @@ void __vyr_init_logger_default(void) {
 }
 
 void vyr_dump_timestamp_logger(FILE *stream) {
+    if (!stream) return;
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     time_t seconds = ts.tv_sec;

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 
 unsigned char *vyr_MD5(const void *data, size_t length, unsigned char *digest) {
+    if (!digest) return NULL;
+    if (!data) data = "", length = 0;  // no data: the digest of nothing
     unsigned int out_len = 0;
     // One-shot EVP digest: the MD5_* calls are deprecated in OpenSSL 3.
     if (!EVP_Digest(data, length, digest, &out_len, EVP_md5(), NULL)) {
@@ -15,6 +17,7 @@ unsigned char *vyr_MD5(const void *data, size_t length, unsigned char *digest) {
 
 char *vyr_HexMD5(const void *data, size_t length, char *text) {
     static const char hex[] = "0123456789abcdef";
+    if (!text) return NULL;
     unsigned char digest[VYR_MD5_DIGEST_LENGTH];
     vyr_MD5(data, length, digest);
     for (int i = 0; i < VYR_MD5_DIGEST_LENGTH; ++i) {
@@ -26,6 +29,7 @@ char *vyr_HexMD5(const void *data, size_t length, char *text) {
 }
 
 int vyr_compute_file_md5(const char *path, char *text) {
+    if (!text) return 0;
     text[0] = '\0';
     FILE *f = path ? fopen(path, "rb") : NULL;
     if (!f) return 0;

@@ -2,154 +2,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <fenv.h>
-#include <langinfo.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdio>
 
+#include "tarvik_convert.h"
 #include "tarvik_initialize.h"
 #include "vyr_logger.h"
-
-// strtoull/strtod need a terminated text; tokens are views into the line.
-template <typename F>
-static auto with_c_string(std::string_view token, F convert) {
-    char small[64];
-    if (token.size() < sizeof small) {
-        memcpy(small, token.data(), token.size());
-        small[token.size()] = '\0';
-        return convert(small);
-    }
-    // Rare long tokens reuse one buffer per thread, so a warm pass never allocates.
-    static thread_local std::string copy;
-    copy.assign(token.data(), token.size());
-    return convert(copy.c_str());
-}
-
-static inline bool is_digit(char c) {
-    return (unsigned char)(c - '0') < 10;
-}
-
-static uint64_t slow_u64(std::string_view token) {
-    return with_c_string(token, [](const char *s) -> uint64_t {
-        char *end = nullptr;
-        errno = 0;
-        unsigned long long v = strtoull(s, &end, 10);
-        if (end == s || errno == ERANGE) return 0;
-        return (uint64_t)v;
-    });
-}
-
-static double slow_double(std::string_view token) {
-    return with_c_string(token, [](const char *s) -> double {
-        char *end = nullptr;
-        errno = 0;
-        double v = strtod(s, &end);
-        if (end == s || errno == ERANGE) return 0.0;
-        return v;
-    });
-}
-
-// The leading digit run at p (p < end, *p a digit) as strtoull reads it; a
-// run past UINT64_MAX is ERANGE to strtoull, which stores 0. Returns the
-// end of the run.
-static inline const char *digit_run_u64(const char *p, const char *end, uint64_t *out) {
-    uint64_t v = 0;
-    // Nineteen digits cannot overflow; only longer runs are checked.
-    const char *safe = end - p > 19 ? p + 19 : end;
-    while (p < safe && is_digit(*p)) v = v * 10 + (uint64_t)(*p++ - '0');
-    bool overflow = false;
-    while (p < end && is_digit(*p)) {
-        overflow = overflow || __builtin_mul_overflow(v, 10u, &v) ||
-                   __builtin_add_overflow(v, (uint64_t)(*p - '0'), &v);
-        ++p;
-    }
-    *out = overflow ? 0 : v;
-    return p;
-}
-
-uint64_t tarvik_token_to_u64(std::string_view token) {
-    // A token that starts with a digit is what strtoull reads as its leading
-    // digit run, whatever follows (a CR, a unit). Blanks and signs need
-    // strtoull's own rules.
-    const char *p = token.data();
-    const char *end = p + token.size();
-    if (p == end || !is_digit(*p)) return slow_u64(token);
-    uint64_t v;
-    digit_run_u64(p, end, &v);
-    return v;
-}
-
-// strtod follows the locale's radix character and the rounding mode;
-// from_chars knows only '.' and round-to-nearest. The fast path is taken only
-// while both agree, which they do unless the host changes them.
-static bool fast_double_allowed() {
-    const char *radix = nl_langinfo(RADIXCHAR);
-    return radix[0] == '.' && radix[1] == '\0' && fegetround() == FE_TONEAREST;
-}
-
-// The longest prefix at p that strtod reads as a decimal number: an optional
-// sign, digits with an optional fraction, an exponent only when digits follow
-// its letter. A comma is never part of it, so p may scan a whole line.
-// Returns the end of the prefix with its value, or null when strtod itself
-// must judge the text (hex, inf, nan, blanks, no digits) or when the value
-// could leave the normal range: at most 40 mantissa digits and an exponent
-// of at most 260 keep every result between 1e-300 and 1e300, where strtod
-// never reports ERANGE and from_chars rounds identically.
-static inline const char *fast_double_prefix(const char *p, const char *end, double *out) {
-    if (p == end) return nullptr;
-    const char *num = p;  // from_chars takes a minus but not a plus
-    if (*p == '-') {
-        ++p;
-    } else if (*p == '+') {
-        num = ++p;
-    }
-    const char *mant = p;
-    while (p < end && is_digit(*p)) ++p;
-    size_t int_digits = (size_t)(p - mant);
-    size_t frac_digits = 0;
-    if (p < end && *p == '.') {
-        const char *frac = ++p;
-        while (p < end && is_digit(*p)) ++p;
-        frac_digits = (size_t)(p - frac);
-    }
-    size_t digits = int_digits + frac_digits;
-    if (digits == 0 || digits > 40) return nullptr;
-    // "0x..." is a hexadecimal number to strtod.
-    if (int_digits == 1 && *mant == '0' && p == mant + 1 && p < end && (*p == 'x' || *p == 'X'))
-        return nullptr;
-    if (p < end && (*p == 'e' || *p == 'E')) {
-        const char *q = p + 1;
-        if (q < end && (*q == '+' || *q == '-')) ++q;
-        const char *exp_digits = q;
-        int exp = 0;
-        while (q < end && is_digit(*q) && q - exp_digits < 4) exp = exp * 10 + (*q++ - '0');
-        if (q < end && is_digit(*q)) return nullptr;  // a long exponent: strtod judges it
-        if (q > exp_digits) {
-            if (exp > 260) return nullptr;
-            p = q;
-        }
-    }
-    auto r = std::from_chars(num, p, *out, std::chars_format::general);
-    return r.ec == std::errc() && r.ptr == p ? p : nullptr;
-}
-
-static inline double token_to_double(std::string_view token, bool fast_ok) {
-    double v;
-    if (fast_ok) {
-        const char *end = token.data() + token.size();
-        if (fast_double_prefix(token.data(), end, &v)) return v;
-    }
-    return slow_double(token);
-}
-
-double tarvik_token_to_double(std::string_view token) {
-    return token_to_double(token, fast_double_allowed());
-}
+#include "vyr_time.h"
 
 namespace {
 
@@ -180,7 +43,14 @@ struct ReadBuffer {
 }  // namespace
 
 bool get_csv_line_by_offset(const char *path, uint64_t offset, std::string &line) {
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    // Anyone may create files under /tmp: a link is not followed, and a FIFO,
+    // socket, directory or device is not read (it could block or never end).
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        fd = -1;
+    }
     if (fd < 0) {
         VYR_WARN("[tarvik provider] [%s] Could not open file %s.  Will retry later",
                  "get_csv_line_by_offset", path);
@@ -250,10 +120,10 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
         return false;
     }
 
-    const bool fast_ok = fast_double_allowed();
+    const bool fast_ok = tarvik_fast_double_allowed();
     pthread_mutex_lock(&dev->event_lock);
     uint8_t *event = dev->event_cache;
-    uint64_t now = tarvik_now_usec();
+    uint64_t now = vyr_time_now_usec();
     memcpy(event, &now, sizeof now);
     size_t offset = TARVIK_EVENT_FIXED_SIZE;
     // One walk over the line: each number is read where its token starts, and
@@ -265,12 +135,12 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
         switch (fields[i].type) {
             case TARVIK_FIELD_UINT64: {
                 uint64_t v;
-                if (pos < end && is_digit(*pos)) {
-                    const char *q = digit_run_u64(pos, end, &v);
+                if (pos < end && tarvik_is_digit(*pos)) {
+                    const char *q = tarvik_digit_run_u64(pos, end, &v);
                     token_end = q == end || *q == ',' ? q : next_comma(q, end);
                 } else {
                     token_end = next_comma(pos, end);
-                    v = slow_u64(std::string_view(pos, (size_t)(token_end - pos)));
+                    v = tarvik_slow_u64(std::string_view(pos, (size_t)(token_end - pos)));
                 }
                 memcpy(event + offset, &v, sizeof v);
                 offset += 8;
@@ -278,12 +148,12 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
             }
             case TARVIK_FIELD_DOUBLE: {
                 double v;
-                const char *q = fast_ok ? fast_double_prefix(pos, end, &v) : nullptr;
+                const char *q = fast_ok ? tarvik_fast_double_prefix(pos, end, &v) : nullptr;
                 if (q) {
                     token_end = q == end || *q == ',' ? q : next_comma(q, end);
                 } else {
                     token_end = next_comma(pos, end);
-                    v = slow_double(std::string_view(pos, (size_t)(token_end - pos)));
+                    v = tarvik_slow_double(std::string_view(pos, (size_t)(token_end - pos)));
                 }
                 memcpy(event + offset, &v, sizeof v);
                 offset += 8;
@@ -313,7 +183,12 @@ bool tarvik_csv_to_event(tarvik_provider_t *p, tarvik_provider_dev_info_t *dev,
 
 static void remove_large_files(const char *path) {
     struct stat st;
-    if (stat(path, &st) != 0) return;
+    if (lstat(path, &st) != 0) return;
+    // A link planted here would make the tool write through it: the link goes.
+    if (S_ISLNK(st.st_mode)) {
+        unlink(path);
+        return;
+    }
     if ((uint64_t)st.st_size > TARVIK_MAX_FILE_SIZE) {
         VYR_DEBUG("[tarvik provider] [%s] Size of file %s is %zu bytes > %d", "remove_large_files",
                   path, (size_t)st.st_size, TARVIK_MAX_FILE_SIZE);
@@ -343,7 +218,7 @@ void tarvik_collect_pass(tarvik_provider_t *p) {
             remove_large_files(dev.out_file_path);
             VYR_DEBUG("[tarvik provider] [%s] Collecting tarvik data for device %s", fn,
                       entry.first.c_str());
-            int rc = tarvik_run_shell(dev.command);
+            int rc = tarvik_run_tool(p, dev.command);
             if (rc != 0) {
                 VYR_WARN("[tarvik provider] [%s] Could not execute command %s, system returned %d",
                          fn, dev.command, rc);
@@ -381,12 +256,12 @@ void *tarvik_thread_callback(void *arg) {
     uint64_t last_pass = 0;
     for (;;) {
         // The interval counts from the end of the previous pass, in 2-second steps.
-        while (p->update_interval_sec * 1000000 > tarvik_now_usec() - last_pass) {
+        while (p->update_interval_sec * 1000000 > vyr_time_now_usec() - last_pass) {
             sleep(2);
             if (p->stop_requested) return nullptr;
         }
         tarvik_collect_pass(p);
-        last_pass = tarvik_now_usec();
+        last_pass = vyr_time_now_usec();
         VYR_DEBUG("[tarvik provider] [%s] ======== Updated all devices", "tarvik_thread_callback");
         if (p->stop_requested) return nullptr;
     }

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tarvik_convert.h"
 #include "tarvik_provider.h"
 
 #define TARVIK_MAX_FILE_SIZE 52428800
@@ -16,7 +17,3 @@ void tarvik_collect_pass(tarvik_provider_t *provider);
 bool get_csv_line_by_offset(const char *path, uint64_t offset, std::string &line);
 bool tarvik_csv_to_event(tarvik_provider_t *provider, tarvik_provider_dev_info_t *device,
                          const std::string &line);
-
-// Value conversions with strtoull/strtod results: 0 on no number or out of range.
-uint64_t tarvik_token_to_u64(std::string_view token);
-double tarvik_token_to_double(std::string_view token);

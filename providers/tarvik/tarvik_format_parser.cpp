@@ -1,8 +1,13 @@
 #include "tarvik_format_parser.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
-#include <fstream>
+#include <ext/stdio_filebuf.h>
 #include <map>
+#include <memory>
 
 #include "vyr_logger.h"
 #include "vyr_md5.h"
@@ -45,25 +50,35 @@ bool TarvikFormatParser::parse() {
     std::string headerLine;
     std::string valueLine;
 
-    std::ifstream file(filePath);
-    if (!file.is_open()) {
+    // Not through a link, and only a regular file: a FIFO, socket or device
+    // planted under /tmp could block the read or never end.
+    int fd = open(filePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        fd = -1;
+    }
+    // The buffer takes the descriptor through fdopen, which may fail (memory).
+    std::unique_ptr<__gnu_cxx::stdio_filebuf<char>> buffer;
+    if (fd >= 0) {
+        buffer.reset(new __gnu_cxx::stdio_filebuf<char>(fd, std::ios::in));  // closes fd
+        if (!buffer->is_open()) close(fd);
+    }
+    if (fd < 0 || !buffer->is_open()) {
         VYR_WARN("[tarvik_format] Could not open file %s", filePath.c_str());
         return false;
     }
-    // A directory opens fine on Linux; its first read fails and lands here.
+    std::istream file(buffer.get());
     if (!getCsvLine(file, &headerLine)) {
         VYR_ERROR("Failed to read csv hdr line from file %s", filePath.c_str());
-        file.close();
         return false;
     }
     // Later passes seek straight to the value line instead of rereading the header.
     valueLineOffset = static_cast<int64_t>(file.tellg());
     if (!getCsvLine(file, &valueLine)) {
         VYR_ERROR("Failed to read csv value line from file %s", filePath.c_str());
-        file.close();
         return false;
     }
-    file.close();
 
     // The header's bytes as read (a CR included) identify the event type; devices with
     // byte-identical headers share one.

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -112,8 +113,11 @@ static bool _create_tarvik_event_cache(tarvik_provider_dev_info_t *dev) {
     return true;
 }
 
+// lstat, not access: a link (dangling or not) is removed itself, so the
+// tool never writes through one.
 static void remove_stale(const char *path) {
-    if (access(path, F_OK) == 0 && remove(path) != 0)
+    struct stat st;
+    if (lstat(path, &st) == 0 && remove(path) != 0)
         VYR_WARN("[tarvik provider] [%s] Could not remove file %s", "tarvik_provider_initialize",
                  path);
 }
@@ -130,6 +134,7 @@ void tarvik_release_parse_state(tarvik_provider_dev_info_t &dev) {
 
 bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_t *ts) {
     const char *fn = "tarvik_provider_initialize";
+    if (!provider || !ts) return false;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
     if (p->devices.empty()) {
         VYR_ERROR("[tarvik provider] [%s] No devices to collect. Provider will not run", fn);
@@ -148,7 +153,7 @@ bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_
         remove_stale(header_path.c_str());
         remove_stale(dev.out_file_path);
 
-        int rc = tarvik_run_shell(command.c_str());
+        int rc = tarvik_run_tool(p, command.c_str(), TARVIK_HEADER_RUN_LIMIT_MS);
         if (rc != 0) {
             VYR_WARN("[tarvik provider] [%s] Could not execute command %s, system returned %d", fn,
                      command.c_str(), rc);

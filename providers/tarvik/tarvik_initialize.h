@@ -9,6 +9,9 @@
 #define TARVIK_DEVICE_NAME_OFFSET 72
 #define TARVIK_TEXT_SIZE 64
 #define TARVIK_EVENT_NAME "tarvik_event"
+// A header run is "timeout 3 ..."; one that still runs this long after it
+// started ignored timeout's TERM and is ended by the provider.
+#define TARVIK_HEADER_RUN_LIMIT_MS 6000
 
 bool tarvik_provider_initialize(vyr_event_provider_t *provider, vyr_type_system_t *ts);
 

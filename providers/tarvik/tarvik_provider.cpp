@@ -1,15 +1,8 @@
 #include "tarvik_provider.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <sstream>
 
 #include "device_utils.h"
@@ -18,8 +11,6 @@
 #include "tarvik_initialize.h"
 #include "tarvik_service.h"
 #include "vyr_logger.h"
-
-extern char **environ;
 
 static_assert(offsetof(vyr_event_provider_t, version) == 0, "descriptor layout");
 static_assert(offsetof(vyr_event_provider_t, name) == 8, "descriptor layout");
@@ -50,57 +41,11 @@ tarvik_provider_t::~tarvik_provider_t() {
     type_infos.clear();
 }
 
-uint64_t tarvik_now_usec() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t sec = (uint64_t)ts.tv_sec;
-    uint64_t usec = (uint64_t)ts.tv_nsec / 1000;
-    if ((uint64_t)ts.tv_nsec > 999999999) {
-        sec += 1;
-        usec -= 1000000;
-    }
-    return sec * 1000000 + usec;
-}
-
-int tarvik_run_shell(const char *command) {
-    if (!command) return -1;
-    posix_spawnattr_t attr;
-    posix_spawn_file_actions_t actions;
-    if (posix_spawnattr_init(&attr) != 0) return -1;
-    if (posix_spawn_file_actions_init(&actions) != 0) {
-        posix_spawnattr_destroy(&attr);
-        return -1;
-    }
-    // The tool gets default signal handling and sees only stdin/out/err.
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGQUIT);
-    sigaddset(&defaults, SIGPIPE);
-    sigaddset(&defaults, SIGTERM);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    // Without the close action (it allocates) the tool would inherit the
-    // host's descriptors: fail the run instead.
-    if (posix_spawn_file_actions_addclosefrom_np(&actions, 3) != 0) {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attr);
-        return -1;
-    }
-    char sh[] = "sh", dash_c[] = "-c";
-    char *argv[] = {sh, dash_c, const_cast<char *>(command), nullptr};
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (rc != 0) return -1;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    return status;
+int tarvik_run_tool(tarvik_provider_t *p, const char *command, int kill_after_ms) {
+    vyr::common::CommandOptions options;
+    options.kill_after_ms = kill_after_ms;
+    options.group = &p->tools;
+    return vyr::common::run_command(command, options);
 }
 
 static void free_and_clear(char *&text) {
@@ -200,6 +145,7 @@ extern "C" vyr_event_provider_t *construct_event_provider(vyr_dict_t *params) {
     d->host_word13 = 0;
     p->collect_thread = 0;
     p->stop_requested = false;
+    p->tools.open();
     p->write_callbacks[0] = tarvik_provider_write_source_events;
     p->update_interval_sec = TARVIK_DEFAULT_INTERVAL_SEC;
 
@@ -270,11 +216,13 @@ vyr_source_array_t *tarvik_provider_get_sources(vyr_event_provider_t *) {
 int tarvik_provider_write_events(vyr_event_provider_t *provider, uint16_t source_index,
                                  vyr_data_serializer_t *serializer) {
     // The host passes only indexes of sources that get_sources returned.
+    if (!provider || !serializer) return VYR_WRITE_ERROR;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
     return p->write_callbacks[source_index](p, serializer);
 }
 
 bool tarvik_provider_query(vyr_event_provider_t *, void *, vyr_provider_query_record_t *record) {
+    if (!record) return false;
     record->value = 7;
     record->reserved32 = 0;
     record->reserved16 = 0;
@@ -282,7 +230,16 @@ bool tarvik_provider_query(vyr_event_provider_t *, void *, vyr_provider_query_re
 }
 
 void tarvik_provider_destroy(vyr_event_provider_t *provider) {
+    if (!provider) return;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
+    // Threads still running read the records released below.
+    if (tarvik_threads_running(p)) {
+        try {
+            tarvik_provider_stop(provider);
+        } catch (...) {
+            // A marker stop cannot read: the threads are gone all the same.
+        }
+    }
     for (auto &entry : p->devices) {
         tarvik_provider_dev_info_t &d = entry.second;
         free_and_clear(d.name);
@@ -305,5 +262,10 @@ void tarvik_provider_destroy(vyr_event_provider_t *provider) {
         // service_command is deliberately not freed.
     }
     p->devices.clear();
+    // Nothing of this life may reach the next construct: the type entries
+    // point at the field lists freed above.
+    p->type_infos.clear();
+    p->next_device = 0;
+    p->stop_requested = false;
     tarvik_delivery_devices_changed();
 }

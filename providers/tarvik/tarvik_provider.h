@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tarvik_format_parser.h"
+#include "vyr_command.h"
 #include "vyr_event_provider.h"
 
 #define TARVIK_PROVIDER_NAME "tarvik"
@@ -74,6 +75,8 @@ struct tarvik_provider_t {
     std::atomic<uint64_t> next_device{0};
     uint64_t update_interval_sec = TARVIK_DEFAULT_INTERVAL_SEC;
     bool run_as_service = true;
+    // Every tool run of this provider, so that stop can end them all.
+    vyr::common::CommandGroup tools;
 
     tarvik_provider_t() : provider() {}
     // Only the map nodes go; devices are released by the destroy callback.
@@ -106,10 +109,6 @@ bool tarvik_provider_query(vyr_event_provider_t *provider, void *argument,
                            vyr_provider_query_record_t *record);
 void tarvik_provider_destroy(vyr_event_provider_t *provider);
 
-// Wall-clock microseconds.
-uint64_t tarvik_now_usec();
-
-// Runs a command line through /bin/sh like system(3) and returns the same wait
-// status, but without ignoring SIGINT/SIGQUIT in the host while the command
-// runs and without handing the host's open descriptors to the tool.
-int tarvik_run_shell(const char *command);
+// Runs a tool's command line as one of the provider's runs (stop ends it);
+// kill_after_ms < 0: no time limit. Returns the wait status as system(3).
+int tarvik_run_tool(tarvik_provider_t *p, const char *command, int kill_after_ms = -1);

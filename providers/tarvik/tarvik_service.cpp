@@ -10,9 +10,12 @@
 
 #include "tarvik_collect.h"
 #include "vyr_logger.h"
+#include "vyr_time.h"
 
 bool tarvik_provider_start(vyr_event_provider_t *provider) {
+    if (!provider) return false;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
+    p->tools.open();
     if (p->run_as_service && !p->devices.empty()) {
         for (auto &entry : p->devices) {
             tarvik_provider_dev_info_t &dev = entry.second;
@@ -40,13 +43,15 @@ void *tarvik_service_thread_callback(void *arg) {
     if (dev->service_stop) return nullptr;
     for (;;) {
         // Compared with the absolute clock, so a finished service restarts at once.
-        if (dev->update_interval_sec * 1000000 > tarvik_now_usec()) {
+        if (dev->update_interval_sec * 1000000 > vyr_time_now_usec()) {
             sleep(2);
         } else {
             VYR_DEBUG(
                 "[tarvik provider] [%s] Starting service process for device %s for %d iterations",
                 fn, dev->name, TARVIK_SERVICE_ITERATIONS);
-            int rc = tarvik_run_shell(dev->service_command);
+            int rc = tarvik_run_tool(tarvik_provider_instance(), dev->service_command);
+            // stop ended the run: nothing failed.
+            if (dev->service_stop) return nullptr;
             if (rc == 0) {
                 VYR_DEBUG("[tarvik provider] [%s] Service process for device %s finished", fn,
                           dev->name);
@@ -79,17 +84,36 @@ static std::vector<std::string> service_markers() {
     return names;
 }
 
+bool tarvik_threads_running(const tarvik_provider_t *p) {
+    if (p->collect_thread != 0) return true;
+    for (const auto &entry : p->devices)
+        if (entry.second.service_thread != 0) return true;
+    return false;
+}
+
 int tarvik_provider_stop(vyr_event_provider_t *provider) {
     const char *fn = "tarvik_provider_stop";
+    if (!provider) return 0;
     tarvik_provider_t *p = reinterpret_cast<tarvik_provider_t *>(provider);
+    // Threads first: whatever the markers hold, nothing of ours runs on
+    // after this call, thrown or not. Ending the tool runs wakes a thread
+    // that waits for one.
     p->stop_requested = true;
+    for (auto &entry : p->devices) entry.second.service_stop = true;
+    p->tools.close();
     if (p->collect_thread != 0) {
         pthread_join(p->collect_thread, nullptr);
         p->collect_thread = 0;
     }
-    if (p->devices.empty()) return 1;
     for (auto &entry : p->devices) {
         tarvik_provider_dev_info_t &dev = entry.second;
+        if (dev.service_thread != 0) {
+            pthread_join(dev.service_thread, nullptr);
+            dev.service_thread = 0;
+        }
+    }
+    if (p->devices.empty()) return 1;
+    for (size_t i = 0; i < p->devices.size(); ++i) {
         // The scan does not depend on the device: every marker is signalled
         // once per registered device.
         for (const std::string &name : service_markers()) {
@@ -97,13 +121,9 @@ int tarvik_provider_stop(vyr_event_provider_t *provider) {
             // there that is not a number throws to the caller.
             int pid = std::stoi(name.substr(strlen(TARVIK_SERVICE_MARKER)), nullptr, 10);
             VYR_INFO("[tarvik provider] [%s] stopping service by PID %d", fn, pid);
-            // 0 and negative ids would name process groups (-1: every process).
-            if (pid > 0) kill(pid, SIGKILL);
-        }
-        if (dev.service_thread != 0) {
-            dev.service_stop = true;
-            pthread_join(dev.service_thread, nullptr);
-            dev.service_thread = 0;
+            // 0 and negative ids would name process groups (-1: every
+            // process); a marker naming the host must not end it.
+            if (pid > 0 && pid != getpid()) kill(pid, SIGKILL);
         }
     }
     return 1;

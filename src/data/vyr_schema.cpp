@@ -4,6 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string_view>
+#include <unordered_set>
+
 #include "vyr_json.h"
 #include "vyr_logger.h"
 #include "vyr_md5.h"
@@ -86,19 +89,21 @@ int vyr_schema_add_type(vyr_schema_t *schema, const char *type_name,
         }
     }
     // Deliberately narrow: the first and the last field are never compared
-    // against their predecessors. Consumers rely on exactly this rule.
+    // against their predecessors. Consumers rely on exactly this rule. The
+    // names seen so far go into a hash set, so the first repeat is found in
+    // one walk.
     if (num_fields >= 3) {
-        for (size_t i = 1; i + 1 < num_fields; ++i) {
-            for (size_t j = 0; j < i; ++j) {
-                const char *a = fields[i].name;
-                const char *b = fields[j].name;
-                if (a && b && strcmp(a, b) == 0) {
-                    VYR_ERROR(
-                        "[%s] Failed to register new type '%s': field name '%s' occurs more than "
-                        "once.",
-                        __func__, type_name, a);
-                    return VYR_SCHEMA_ADD_DUPLICATE;
-                }
+        std::unordered_set<std::string_view> seen;
+        seen.reserve(num_fields);
+        for (size_t i = 0; i + 1 < num_fields; ++i) {
+            const char *a = fields[i].name;
+            if (!a) continue;
+            if (!seen.insert(a).second && i >= 1) {
+                VYR_ERROR(
+                    "[%s] Failed to register new type '%s': field name '%s' occurs more than "
+                    "once.",
+                    __func__, type_name, a);
+                return VYR_SCHEMA_ADD_DUPLICATE;
             }
         }
     }
@@ -291,33 +296,38 @@ int vyr_schema_update_md5(vyr_schema_t *schema) {
     return 1;
 }
 
+// Null ids: unset, never the blob id, ordered before any id; a null
+// destination is left alone.
 int vyr_schema_id_is_unset(const vyr_schema_id_t id) {
+    if (!id) return 1;
     for (int i = 0; i < VYR_SCHEMA_ID_LENGTH; ++i)
         if (id[i] != 0) return 0;
     return 1;
 }
 
 void vyr_copy_schema_id(vyr_schema_id_t dst, const vyr_schema_id_t src) {
-    memcpy(dst, src, VYR_SCHEMA_ID_LENGTH);
+    if (dst && src) memcpy(dst, src, VYR_SCHEMA_ID_LENGTH);
 }
 
 void vyr_reset_schema_id(vyr_schema_id_t id) {
-    memset(id, 0, VYR_SCHEMA_ID_LENGTH);
+    if (id) memset(id, 0, VYR_SCHEMA_ID_LENGTH);
 }
 
 int vyr_compare_schema_id(const vyr_schema_id_t a, const vyr_schema_id_t b) {
+    if (!a || !b) return a == b ? 0 : a ? 1 : -1;
     return memcmp(a, b, VYR_SCHEMA_ID_LENGTH);
 }
 
 int vyr_schema_id_is_blob(const vyr_schema_id_t id) {
-    return memcmp(id, BLOB_SCHEMA_ID, VYR_SCHEMA_ID_LENGTH) == 0;
+    return id && memcmp(id, BLOB_SCHEMA_ID, VYR_SCHEMA_ID_LENGTH) == 0;
 }
 
 void vyr_schema_id_set_blob(vyr_schema_id_t id) {
-    memcpy(id, BLOB_SCHEMA_ID, VYR_SCHEMA_ID_LENGTH);
+    if (id) memcpy(id, BLOB_SCHEMA_ID, VYR_SCHEMA_ID_LENGTH);
 }
 
 char *vyr_schema_id_string(const vyr_schema_id_t id) {
+    if (!id) return NULL;
     char *text = (char *)malloc(VYR_SCHEMA_ID_STRING_LENGTH);
     if (!text) return NULL;
     vyr_schema_id_to_schema_string(id, text);
@@ -326,6 +336,11 @@ char *vyr_schema_id_string(const vyr_schema_id_t id) {
 
 void vyr_schema_id_to_schema_string(const vyr_schema_id_t id, char *text) {
     static const char hex[] = "0123456789abcdef";
+    if (!text) return;
+    if (!id) {
+        text[0] = '\0';
+        return;
+    }
     for (int i = 0; i < VYR_SCHEMA_ID_LENGTH; ++i) {
         text[2 * i] = hex[id[i] >> 4];
         text[2 * i + 1] = hex[id[i] & 0xF];

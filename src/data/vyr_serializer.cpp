@@ -67,18 +67,6 @@ inline void write_header(uint8_t *dst, uint8_t schema_index, uint8_t type_index,
 
 extern "C" {
 
-uint64_t vyr_time_now_usec(void) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t sec = (uint64_t)ts.tv_sec;
-    uint64_t usec = (uint64_t)ts.tv_nsec / 1000;
-    if (ts.tv_nsec > 999999999) {
-        sec += 1;
-        usec -= 1000000;
-    }
-    return sec * 1000000 + usec;
-}
-
 void *vyr_data_serializer_get_events_buffer(vyr_data_serializer_t *ser, uint8_t schema_index,
                                             uint8_t type_index, uint8_t count, size_t *out_size) {
     const vyr_schema_t *schema;
@@ -152,7 +140,9 @@ uint64_t vyr_data_serializer_get_capacity(const vyr_data_serializer_t *ser, uint
     return free_space(ser) / size;
 }
 
+// A null magic value is left alone and matches nothing.
 void vyr_magic_value_fill(vyr_magic_value_t magic, char type) {
+    if (!magic) return;
     magic[0] = 'V';
     magic[1] = 'Y';
     magic[2] = 'R';
@@ -160,21 +150,22 @@ void vyr_magic_value_fill(vyr_magic_value_t magic, char type) {
 }
 
 void vyr_magic_value_fill_lower(vyr_magic_value_t magic, char type) {
+    if (!magic) return;
     vyr_magic_value_fill(magic, type);
     for (int i = 0; i < 4; ++i) magic[i] = (char)tolower((unsigned char)magic[i]);
 }
 
 void vyr_magic_value_copy(vyr_magic_value_t dst, const vyr_magic_value_t src) {
-    memcpy(dst, src, sizeof(vyr_magic_value_t));
+    if (dst && src) memcpy(dst, src, sizeof(vyr_magic_value_t));
 }
 
 bool vyr_magic_value_match_type(const vyr_magic_value_t magic, char type) {
-    return magic[0] == 'V' && magic[1] == 'Y' && magic[2] == 'R' && magic[3] == type;
+    return magic && magic[0] == 'V' && magic[1] == 'Y' && magic[2] == 'R' && magic[3] == type;
 }
 
 bool vyr_magic_value_match(const vyr_magic_value_t a, const vyr_magic_value_t b) {
     // The letters compare as a text: a zero byte ends the comparison early.
-    return strncmp(a, b, 3) == 0 && a[3] == b[3];
+    return a && b && strncmp(a, b, 3) == 0 && a[3] == b[3];
 }
 
 }  // extern "C"

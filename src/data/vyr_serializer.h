@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include "vyr_schema.h"
+#include "vyr_time.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -48,9 +49,6 @@ void vyr_magic_value_fill_lower(vyr_magic_value_t magic, char type);
 void vyr_magic_value_copy(vyr_magic_value_t dst, const vyr_magic_value_t src);
 bool vyr_magic_value_match_type(const vyr_magic_value_t magic, char type);
 bool vyr_magic_value_match(const vyr_magic_value_t a, const vyr_magic_value_t b);
-
-/* Wall-clock microseconds: seconds * 1,000,000 + nanoseconds / 1000. */
-uint64_t vyr_time_now_usec(void);
 
 #ifdef __cplusplus
 }

@@ -147,6 +147,7 @@ void vyr_source_copy(vyr_source_t *dst, const vyr_source_t *src) {
 }
 
 int vyr_source_compare(const vyr_source_t *a, const vyr_source_t *b) {
+    if (!a || !b) return a == b ? 0 : a ? 1 : -1;  // null before any source
     int r = strncmp(a->id, b->id, sizeof a->id);
     if (r != 0) return r;
     return strncmp(a->tag, b->tag, sizeof a->tag);

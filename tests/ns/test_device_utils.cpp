@@ -181,7 +181,6 @@ TEST_F(DeviceUtils, ScriptedReports) {
     std::string noise_line = noise;  // the same noise without line feeds
     std::replace(noise_line.begin(), noise_line.end(), '\n', ' ');
     const std::string nul(1, '\0'), ghost = device_line("Arcline-X(rev:0)", "ghost", "net-eth0");
-    const std::string long_name(5000, 'n');
     // Nothing found is always also the error kNoDevices.
     const struct {
         const char *what, *expected;        // the names, joined by commas
@@ -189,7 +188,6 @@ TEST_F(DeviceUtils, ScriptedReports) {
     } cases[] = {
         {"no PCI section", "", "ZDT modules:\n------------\n" + kArx0 + kTg1},
         {"empty report", "", ""},
-        {"PCI title is the last line", "", "PCI devices:"},
         {"plain", "arx0,tg1",
          kHead + kArx0 + kTg1 + "\nCable devices:\n---------------\narx0_cable_0\n"},
         {"nothing read after the cable title", "arx0",
@@ -197,14 +195,9 @@ TEST_F(DeviceUtils, ScriptedReports) {
              kTg1},
         {"two lines after the PCI title are discarded whatever they hold", "arx0",
          "PCI devices:\n" + kArx0 + kTg1 + kArx0},
-        {"blank and empty lines", "arx0,tg1", kHead + "\n\n" + kArx0 + "\n" + kTg1},
-        {"duplicates kept in report order", "tg1,arx0,tg1", kHead + kTg1 + kArx0 + kTg1},
         {"family words are case-sensitive substrings", "tg1",
          kHead + device_line("arcline(rev:0)", "arx0") + device_line("TIDEGATE", "tg1") +
              device_line("xTidegatex", "tg1") + device_line("Brinefly(rev:0)", "arx0")},
-        {"path without the /dev/zdt/ prefix", "tg1",
-         kHead + "Arcline-X(rev:0)    /dev/zdtx/arx0    -\nArcline-X(rev:0)    arx0    -\n" + kTg1},
-        {"one-word lines", "tg1", kHead + "Arcline-X(rev:0)\n/dev/zdt/arx0\n" + kTg1},
         {"a net column is looked up on any line", "tg1",
          kHead + "net-q9\n" + device_line("Brinefly(rev:0)", "x", "net-q8") + kTg1,
          no_sysfs_type("q9") + "\n" + no_sysfs_type("q8")},
@@ -216,8 +209,6 @@ TEST_F(DeviceUtils, ScriptedReports) {
          "Arcline-X(rev:0) /dev/zdt/arx0 04:00.0 arx_0 net-eth0 0\r\n"
          "Tidegate(rev:a0) /dev/zdt/tg1 05:00.0 arx_1 net-eth1 1\r\nCable devices:\r\n" +
              kArx0},
-        {"tabs separate words", "arx0",
-         kHead + "Arcline-X(rev:0)\t/dev/zdt/arx0\t04:00.0\tnet-eth0\t0\n"},
         {"unreadable sysfs type names the interface", "arx0",
          kHead + device_line("Arcline-X(rev:0)", "arx0", "net-eth5,net-eth6"),
          no_sysfs_type("eth5")},
@@ -227,15 +218,10 @@ TEST_F(DeviceUtils, ScriptedReports) {
          kHead + "Arcline-X(rev:0) /dev/zdt/ar" + nul + "x 04:00.0 net-eth0 0\n" + kTg1,
          not_found("ar")},
         {"binary noise before the section", "arx0,tg1", noise + "\n" + kHead + kArx0 + kTg1},
-        {"binary noise only", "", noise},
         {"a noise line inside the section", "arx0,tg1", kHead + kArx0 + noise_line + "\n" + kTg1},
-        {"a megabyte-long line before the section", "arx0,tg1",
-         std::string(1 << 20, 'm') + "\n" + kHead + kArx0 + kTg1},
         {"device line longer than a read piece", "arx0,tg1",
          kHead + "Arcline-X(rev:0)" + std::string(3000, ' ') + "/dev/zdt/arx0" +
              std::string(3000, ' ') + "net-eth0 0\n" + kTg1},
-        {"device name longer than a path", "tg1",
-         kHead + device_line("Arcline-X(rev:0)", long_name) + kTg1, not_found(long_name)},
     };
     for (const char *entry : {"arx0", "tg1", "x", "ar"}) sim::add_zdt_char_device(entry);
     sim::add_zdt_symlink("linked");

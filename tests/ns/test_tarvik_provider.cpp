@@ -175,47 +175,55 @@ TEST_F(TarvikProvider, DevicesWithTheSameHeaderShareOneType) {
 
 // A text, a float and an integer column make a 216-byte event; one one-shot
 // pass runs the tool and converts its value line into it, and the host
-// receives it.
+// receives it. A second life in the same process (construct after destroy,
+// a new type system) goes exactly like the first.
 TEST_F(TarvikProvider, OneShotPassFillsTheEventByFieldType) {
     const std::string name(70, 'n');  // cut to 63 bytes in the event
     sim::add_device(name);
     sim::set_phyprobe_knob("HEADER_LINE", "txt,flt,num");
     sim::set_phyprobe_knob("VALUE_LINE", "x,2.5,{run}");
     one_shot();
-    auto &log = fresh_log();
-    bring_up();
-    EXPECT_TRUE(
-        log.contains(6, "[tarvik provider] [_create_tarvik_event_type] Found 3 tarvik fields"));
-    EXPECT_EQ(p->type_infos.at(dev(name).header_id).event_size, 216u);
-    const vyr_type_definition_t *t = ts->schemas[p->provider.schema_index]->types[0];
-    EXPECT_EQ(t->size, 216u);
-    std::string layout;  // the columns' fields after the fixed 136 bytes
-    for (int i = 3; i < t->num_fields; ++i) {
-        const vyr_type_field_definition_t *f = t->fields[i];
-        layout += std::string(f->field_name) + "/" + f->description + ":" + f->type_name + "[" +
-                  std::to_string(f->array_length) + "]@" + std::to_string(f->offset) + " ";
-    }
-    EXPECT_EQ(layout, "txt/txt:char[64]@136 flt/flt:double[1]@200 num/num:uint64_t[1]@208 ");
+    for (uint64_t life : {1, 2}) {
+        SCOPED_TRACE(life);
+        auto &log = fresh_log();
+        bring_up();
+        EXPECT_FALSE(log.contains_fragment("same tarvik header"));
+        EXPECT_TRUE(
+            log.contains(6, "[tarvik provider] [_create_tarvik_event_type] Found 3 tarvik fields"));
+        EXPECT_EQ(p->type_infos.at(dev(name).header_id).event_size, 216u);
+        const vyr_type_definition_t *t = ts->schemas[p->provider.schema_index]->types[0];
+        EXPECT_EQ(t->size, 216u);
+        std::string layout;  // the columns' fields after the fixed 136 bytes
+        for (int i = 3; i < t->num_fields; ++i) {
+            const vyr_type_field_definition_t *f = t->fields[i];
+            layout += std::string(f->field_name) + "/" + f->description + ":" + f->type_name + "[" +
+                      std::to_string(f->array_length) + "]@" + std::to_string(f->offset) + " ";
+        }
+        EXPECT_EQ(layout, "txt/txt:char[64]@136 flt/flt:double[1]@200 num/num:uint64_t[1]@208 ");
 
-    log.clear();
-    pass({name});
-    EXPECT_EQ(sim::phyprobe_argv_log().back(), vyrtest::one_shot_argv(name));
-    const uint8_t *e = dev(name).event_cache;
-    uint64_t count;
-    double ratio;
-    memcpy(&ratio, e + 200, 8);
-    memcpy(&count, e + 208, 8);
-    EXPECT_GT(stamp(name), 1600000000ull * 1000000ull);
-    EXPECT_EQ(text_at(e + 8), "tarvik_event");
-    EXPECT_EQ(text_at(e + 72), std::string(63, 'n'));
-    EXPECT_EQ(text_at(e + 136), "x");
-    EXPECT_EQ(ratio, 2.5);
-    EXPECT_EQ(count, 2u);  // the header run was run 1
-    EXPECT_TRUE(log.contains(7,
-                             "[tarvik provider] [tarvik_thread_callback] Collecting tarvik data "
-                             "for device " +
-                                 name));
-    EXPECT_TRUE(log.contains(7, "[tarvik provider] Internal thread updated tarvik device " + name));
+        log.clear();
+        pass({name});
+        EXPECT_EQ(sim::phyprobe_argv_log().back(), vyrtest::one_shot_argv(name));
+        const uint8_t *e = dev(name).event_cache;
+        uint64_t count;
+        double ratio;
+        memcpy(&ratio, e + 200, 8);
+        memcpy(&count, e + 208, 8);
+        EXPECT_GT(stamp(name), 1600000000ull * 1000000ull);
+        EXPECT_EQ(text_at(e + 8), "tarvik_event");
+        EXPECT_EQ(text_at(e + 72), std::string(63, 'n'));
+        EXPECT_EQ(text_at(e + 136), "x");
+        EXPECT_EQ(ratio, 2.5);
+        EXPECT_EQ(count, 2 * life);  // the header run was run 1 (3 in the second life)
+        EXPECT_TRUE(
+            log.contains(7,
+                         "[tarvik provider] [tarvik_thread_callback] Collecting tarvik data "
+                         "for device " +
+                             name));
+        EXPECT_TRUE(
+            log.contains(7, "[tarvik provider] Internal thread updated tarvik device " + name));
+        release();
+    }
 }
 
 TEST_F(TarvikProvider, StaleFilesAreRemovedBeforeTheHeaderRun) {
@@ -257,21 +265,45 @@ TEST_F(TarvikProvider, StopWithoutDevicesOnlyJoins) {
 
 // One-shot mode scans for markers too. A name holding the marker text
 // elsewhere passes the substring test, but its id is read at the prefix's
-// length: "ice_77" is no number, and the conversion throws to the host.
-TEST_F(TarvikProvider, MarkerWithoutANumberAtTheFixedPositionThrows) {
+// length: "ice_77" is no number, and the conversion throws to the host. The
+// threads are gone by then: stop again and destroy are safe. A marker naming
+// the host is logged, never signalled.
+TEST_F(TarvikProvider, MarkersNeverEndTheHostAndAThrowLeavesNothingRunning) {
     sim::add_device("a");
     set("tarvik_phyprobe_as_service", "0");
     construct();
     ASSERT_TRUE(initialize());
     auto &log = fresh_log();
     start();
+    const std::string host = std::to_string(getpid());
+    sim::add_zdt_file("phyprobe_service_" + host);
     sim::add_zdt_file("phyprobe_service_999997");
     sim::add_zdt_file("x_phyprobe_service_77");
     started = false;
     EXPECT_THROW(tarvik_provider_stop(&p->provider), std::invalid_argument);
     EXPECT_EQ(p->collect_thread, 0u);  // joined before the scan
-    EXPECT_TRUE(
-        log.contains(6, "[tarvik provider] [tarvik_provider_stop] stopping service by PID 999997"));
+    for (const std::string &id : {host, std::string("999997")})
+        EXPECT_TRUE(log.contains(
+            6, "[tarvik provider] [tarvik_provider_stop] stopping service by PID " + id));
+    EXPECT_THROW(tarvik_provider_stop(&p->provider), std::invalid_argument);
+    tarvik_provider_destroy(&p->provider);
+}
+
+// destroy on a running provider stops it first: no thread or tool outlives it.
+TEST_F(TarvikProvider, DestroyWithoutStopStopsFirst) {
+    sim::add_device("a");
+    sim::add_device("b");
+    set("tarvik_update_interval_sec", "1");
+    sim::set_phyprobe_knob("SERVICE_SLEEP", "100");
+    bring_up();
+    start();
+    started = false;
+    ASSERT_TRUE(eventually([&] { return sim::service_markers().size() == 2; }));
+    host.reset();
+    tarvik_provider_destroy(&p->provider);
+    EXPECT_EQ(p->collect_thread, 0u);
+    EXPECT_TRUE(p->devices.empty());
+    EXPECT_NE(system("pgrep -f '[/]phyprobe' > /dev/null"), 0);
 }
 
 std::atomic<int> g_sigint{0};
@@ -286,6 +318,8 @@ TEST_F(TarvikProvider, HostSignalsAndDescriptorsStayTheHostsOwn) {
     sim::set_phyprobe_knob("SERVICE_SLEEP", "0.5");
     set("tarvik_update_interval_sec", "5");
     std::string fd_log = sim::enable_phyprobe_fd_log();
+    const std::string zdt_fd_log = "/tmp/zdt_fds";
+    setenv("ZDT_SIM_FD_LOG", zdt_fd_log.c_str(), 1);
     int host_fd = open("/tmp/host_private", O_CREAT | O_WRONLY, 0600);  // no O_CLOEXEC
     ASSERT_GE(host_fd, 0);
     bring_up();
@@ -307,8 +341,11 @@ TEST_F(TarvikProvider, HostSignalsAndDescriptorsStayTheHostsOwn) {
     EXPECT_EQ(stop(), 1);
     sigaction(SIGINT, &old, nullptr);
     close(host_fd);
-    std::string fds = vyrtest::read_file(fd_log);
-    EXPECT_EQ(fds.find("/tmp/host_private"), std::string::npos) << fds;
+    for (const std::string &log : {fd_log, zdt_fd_log}) {
+        std::string fds = vyrtest::read_file(log);
+        EXPECT_NE(fds.find("== "), std::string::npos) << log;
+        EXPECT_EQ(fds.find("/tmp/host_private"), std::string::npos) << fds;
+    }
 }
 
 }  // namespace

@@ -155,9 +155,6 @@ class ProviderTest : public ::testing::Test {
         if (started) stop();
         for (auto &e : p->devices) free(e.second.service_command);  // destroy keeps these
         tarvik_provider_destroy(&p->provider);
-        p->type_infos.clear();
-        p->next_device = 0;
-        p->stop_requested = false;
         vyr_destroy_type_system(ts);
         ts = nullptr;
     }
@@ -192,6 +189,12 @@ class ProviderTest : public ::testing::Test {
     int stop() {
         started = false;
         return p->provider.stop(&p->provider);
+    }
+    // Seconds a call takes; only a hang would break a bound on it.
+    static double seconds(const std::function<void()> &call) {
+        auto t0 = std::chrono::steady_clock::now();
+        call();
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     }
     std::vector<std::string> device_names() const {
         std::vector<std::string> names;

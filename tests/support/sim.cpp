@@ -124,11 +124,6 @@ void remove_zdt_dir() {
     fs::remove_all(kZdtDir);
 }
 
-void clear_zdt_dir() {
-    require_namespace();
-    for (const auto &entry : fs::directory_iterator(kZdtDir)) fs::remove_all(entry.path());
-}
-
 void add_zdt_char_device(const std::string &name) {
     require_namespace();
     check(mknod(zdt_path(name).c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0, "mknod " + name);
@@ -147,11 +142,6 @@ void add_zdt_file(const std::string &name) {
 void add_zdt_subdir(const std::string &name) {
     require_namespace();
     check(mkdir(zdt_path(name).c_str(), 0755) == 0, "mkdir " + name);
-}
-
-void remove_zdt_entry(const std::string &name) {
-    require_namespace();
-    fs::remove_all(zdt_path(name));
 }
 
 std::vector<std::string> zdt_entries() {

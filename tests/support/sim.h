@@ -29,12 +29,10 @@ void reset();
 // /dev/zdt and its entries.
 void make_zdt_dir();
 void remove_zdt_dir();
-void clear_zdt_dir();
 void add_zdt_char_device(const std::string &name);  // the null device's numbers
 void add_zdt_symlink(const std::string &name, const std::string &target = "/dev/null");
 void add_zdt_file(const std::string &name);  // a regular file, which is no device
 void add_zdt_subdir(const std::string &name);
-void remove_zdt_entry(const std::string &name);
 std::vector<std::string> zdt_entries();      // sorted, without "." and ".."
 std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries
 

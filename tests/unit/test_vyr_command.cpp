@@ -1,0 +1,73 @@
+// Command runs through /bin/sh: the wait status system(3) gives, the captured
+// output, the time limit and the group that ends its runs as a whole.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "vyr_command.h"
+
+using vyr::common::CommandGroup;
+using vyr::common::CommandOptions;
+using vyr::common::run_command;
+
+namespace {
+
+// Ids a command printed, one a line, are gone within 5 s.
+bool all_gone(const std::string &ids) {
+    for (int i = 0; i < 250; ++i) {
+        bool alive = false;
+        for (size_t at = 0; at < ids.size(); at = ids.find('\n', at) + 1)
+            alive = alive || kill(std::stoi(ids.substr(at)), 0) == 0;
+        if (!alive) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+TEST(Command, SameWaitStatusAsSystem) {
+    for (const char *command : {"true", "exit 3", "kill -9 $$", "no_such_tool_anywhere 2>/dev/null",
+                                "sh -c 'kill -TERM $$'"})
+        EXPECT_EQ(run_command(command), system(command)) << command;
+    EXPECT_EQ(run_command(nullptr), -1);
+}
+
+TEST(Command, CapturesOutputWithoutTheCallersDescriptors) {
+    std::string out;
+    CommandOptions o;
+    o.output = &out;
+    EXPECT_EQ(run_command("printf 'a\\0b\\n'; head -c 200000 /dev/zero; ls /proc/self/fd", o), 0);
+    ASSERT_EQ(out.substr(0, 4), std::string("a\0b\n", 4));
+    EXPECT_EQ(out.substr(200004), "0\n1\n2\n3\n");  // 3: ls's own handle on the directory
+}
+
+// A run that ignores TERM, and a child of it in a process group of its own,
+// are ended by the time limit; a closed group ends its runs and refuses more.
+TEST(Command, TimeLimitAndGroupEndEverything) {
+    // timeout makes a process group of its own for itself and its sleep.
+    const char *stubborn = "trap '' TERM; timeout 100 sleep 100 & echo $!; sleep 100";
+    std::string ids;
+    CommandOptions o;
+    o.output = &ids;
+    o.kill_after_ms = 200;
+    EXPECT_EQ(run_command(stubborn, o), SIGKILL);
+    EXPECT_TRUE(all_gone(ids)) << ids;
+
+    CommandGroup group;
+    CommandOptions g;
+    g.group = &group;
+    int status = 0;
+    std::thread run([&] { status = run_command("trap '' TERM; sleep 100 & wait", g); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    group.close();
+    run.join();
+    EXPECT_EQ(status, SIGKILL);
+    EXPECT_EQ(run_command("true", g), -1);
+    group.open();
+    EXPECT_EQ(run_command("true", g), 0);
+}
+
+}  // namespace
