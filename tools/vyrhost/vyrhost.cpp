@@ -26,11 +26,13 @@
 #include <string>
 #include <vector>
 
+#include "device_utils.h"
 #include "vyr_event_provider.h"
 #include "vyr_json.h"
 #include "vyr_logger.h"
 #include "vyr_schema_json.h"
 #include "vyrhost_exporter.h"
+#include "vyrhost_metrics.h"
 #include "vyrhost_options.h"
 #include "vyrhost_render.h"
 
@@ -134,6 +136,7 @@ std::mutex g_log_lock;
 int g_print_level = 0;
 bool g_capturing = true;
 std::vector<LoggedMessage> g_captured;
+std::atomic<uint64_t> g_log_errors{0}, g_log_warnings{0};
 
 // Every message of the framework and of the plug-in (which adopts this
 // logger) comes here: warnings and errors are kept while the plug-in comes
@@ -156,6 +159,10 @@ void host_log(int level, const char *format, ...) {
         text = small;
     }
     va_end(again);
+    if (level <= VYR_LOG_LEVEL_ERROR)
+        ++g_log_errors;
+    else if (level == VYR_LOG_LEVEL_WARNING)
+        ++g_log_warnings;
     std::lock_guard<std::mutex> hold(g_log_lock);
     if (g_capturing && level <= VYR_LOG_LEVEL_WARNING && g_captured.size() < 10000)
         g_captured.push_back({level, text});
@@ -212,6 +219,18 @@ std::string default_library(std::string *tried) {
     return "";
 }
 
+// The network interfaces the device tool's report names, so that the
+// device's series join with the host's network metrics.
+std::vector<std::pair<std::string, std::string>> zdt_interfaces() {
+    FILE *report = popen("zdt status -v 2>/dev/null", "r");
+    if (!report) return {};
+    std::string text;
+    char chunk[4096];
+    for (size_t n; (n = fread(chunk, 1, sizeof chunk, report)) > 0;) text.append(chunk, n);
+    pclose(report);
+    return report_interfaces(text);
+}
+
 template <typename F>
 bool guarded(const char *what, F &&call) {
     try {
@@ -243,6 +262,11 @@ struct Host {
     size_t table_lines = 0;
     bool output_broken = false;
     bool output_failed = false;
+    Snapshot last_good;  // what /metrics shows while polls fail
+    double poll_duration = 0, last_success = 0;
+    std::vector<std::string> devices;
+    std::vector<std::pair<std::string, std::string>> interfaces;
+    std::string provider_name;
 
     // Drains write_events into one snapshot; false (with a message) when the
     // plug-in reported an error or wrote a block that does not decode.
@@ -305,6 +329,14 @@ struct Host {
         o.timestamps = options.timestamps;
         o.polls_total = polls;
         o.poll_errors_total = poll_errors;
+        o.devices = devices;
+        o.interfaces = interfaces;
+        o.version = VYRHOST_VERSION;
+        o.provider = provider_name;
+        o.poll_duration = poll_duration;
+        o.last_success = last_success;
+        o.log_errors = g_log_errors.load();
+        o.log_warnings = g_log_warnings.load();
         return o;
     }
 
@@ -314,12 +346,20 @@ struct Host {
         snapshot.poll = ++polls;
         snapshot.time = vyr_time_now_usec();
         std::vector<Event> in_order;
-        if (!drain(&snapshot, &in_order)) {
+        double began = monotonic_now();
+        bool ok = drain(&snapshot, &in_order);
+        poll_duration = monotonic_now() - began;
+        if (!ok) {
+            // The last good events stay; the error shows in vyrhost_poll_errors_total.
             ++poll_errors;
-            if (exporting) exporter.publish(render_exposition(Snapshot(), exposition_options()));
+            if (exporting) exporter.publish(render_exposition(last_good, exposition_options()));
             return true;
         }
-        if (exporting) exporter.publish(render_exposition(snapshot, exposition_options()));
+        last_success = vyr_time_now_usec() / 1e6;
+        if (exporting) {
+            last_good = snapshot;
+            exporter.publish(render_exposition(snapshot, exposition_options()));
+        }
         if (!print) {
             events += snapshot.events.size();
             return !(options.count && events >= options.count);
@@ -418,6 +458,17 @@ int run(Host &host, void *library, const std::string &library_path) {
     settings.insert(settings.end(), options.sets.begin(), options.sets.end());
     std::map<std::string, std::string> merged;
     for (const auto &kv : settings) merged[kv.first] = kv.second;  // the last one wins
+    std::vector<std::string> discovered;
+    vyr::common::device_utils_get_zdt_hca_names(discovered, false);
+    SettingsCheck check = check_settings(
+        std::vector<std::pair<std::string, std::string>>(merged.begin(), merged.end()), discovered);
+    for (const std::string &note : check.notes) complain("note: " + note);
+    if (!check.error.empty()) {
+        complain(check.error);
+        return 2;
+    }
+    host.devices = check.devices;
+    host.interfaces = zdt_interfaces();
     vyr_dict_t *dict = vyr_dict_create();
     if (!dict) {
         complain("out of memory");
@@ -449,6 +500,7 @@ int run(Host &host, void *library, const std::string &library_path) {
         return 1;
     }
     host.provider = p;
+    host.provider_name = p->name ? p->name : "";
     host.ts = vyr_create_type_system();
     if (!host.ts) {
         complain("cannot create a type system");
@@ -531,8 +583,8 @@ int run(Host &host, void *library, const std::string &library_path) {
         if (!options.listen.empty()) {
             ListenAddress address;
             parse_listen(options.listen, &address);
-            std::string error =
-                host.exporter.start(address, render_exposition(Snapshot(), ExpositionOptions()));
+            std::string error = host.exporter.start(
+                address, render_exposition(Snapshot(), host.exposition_options()));
             if (!error.empty()) {
                 complain(error);
                 status = 1;
