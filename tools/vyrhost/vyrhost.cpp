@@ -52,9 +52,10 @@ void wake_main() {
     (void)ignored;
 }
 
-// A second signal while the plug-in is being stopped means "do not wait".
+// A second signal means "do not wait": not for the plug-in to stop, nor for
+// the rest of its initialization (header runs of up to seconds per device).
 void request_stop(int sig) {
-    if (g_stopping.load()) {
+    if (g_stopping.load() || g_stop_signal) {
         const char msg[] = "vyrhost: second signal, exiting without waiting for the plug-in\n";
         ssize_t ignored = write(STDERR_FILENO, msg, sizeof msg - 1);
         (void)ignored;
@@ -68,6 +69,10 @@ void on_signal(int sig) {
     request_stop(sig);
 }
 void on_sigpipe(int) {}
+volatile sig_atomic_t g_resized = 0;
+void on_sigwinch(int) {
+    g_resized = 1;
+}
 
 // glibc's system() sets SIGINT to "ignore" for the whole process while a
 // command runs, and the plug-in's threads nearly always sit in system(). A
@@ -105,6 +110,8 @@ bool install_signals() {
     // tool processes; a handler is reset by exec. Writes then fail with EPIPE.
     sa.sa_handler = on_sigpipe;
     sigaction(SIGPIPE, &sa, nullptr);
+    sa.sa_handler = on_sigwinch;
+    sigaction(SIGWINCH, &sa, nullptr);
     return true;
 }
 
@@ -202,20 +209,28 @@ std::string executable_dir() {
     return slash == std::string::npos ? "." : p.substr(0, slash);
 }
 
-// The library built beside vyrhost, or installed beside it.
+std::string real_path(const std::string &path) {
+    char *real = realpath(path.c_str(), nullptr);
+    std::string out = real ? real : "";
+    free(real);
+    return out;
+}
+
+// The library built beside vyrhost when it runs from its build tree, else the
+// one installed in its own prefix; never a path outside the two, where
+// someone else could have put a library of that name.
 std::string default_library(std::string *tried) {
     std::string dir = executable_dir();
-    const char *relative[] = {VYRHOST_BUILD_LIBDIR_REL, VYRHOST_INSTALL_LIBDIR_REL};
-    for (const char *rel : relative) {
-        std::string path = dir + "/" + rel + "/" VYRHOST_LIBRARY_NAME;
-        if (access(path.c_str(), F_OK) == 0) {
-            char *real = realpath(path.c_str(), nullptr);
-            if (real) path = real;
-            free(real);
-            return path;
-        }
-        *tried += (tried->empty() ? "" : " and ") + path;
+    bool in_build_tree =
+        !real_path(VYRHOST_BUILD_DIR).empty() && real_path(dir) == real_path(VYRHOST_BUILD_DIR);
+    std::string path = dir + "/" +
+                       (in_build_tree ? VYRHOST_BUILD_LIBDIR_REL : VYRHOST_INSTALL_LIBDIR_REL) +
+                       "/" VYRHOST_LIBRARY_NAME;
+    if (access(path.c_str(), F_OK) == 0) {
+        std::string real = real_path(path);
+        return real.empty() ? path : real;
     }
+    *tried = path;
     return "";
 }
 
@@ -245,6 +260,14 @@ bool guarded(const char *what, F &&call) {
 }
 
 // ---------------------------------------------------------------- host
+
+size_t terminal_width(bool tty) {
+    struct winsize ws;
+    if (tty && ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+    const char *columns = getenv("COLUMNS");
+    if (columns && atoi(columns) > 0) return static_cast<size_t>(atoi(columns));
+    return 0;
+}
 
 struct Host {
     Options options;
@@ -378,6 +401,10 @@ struct Host {
                 }
                 return true;
             case Format::kTable: {
+                if (g_resized && !options.width_given) {
+                    g_resized = 0;
+                    table.width = terminal_width(tty);
+                }
                 std::string text = render_table(snapshot, table);
                 if (tty && !options.no_refresh && table_lines > 0)
                     text = "\033[" + std::to_string(table_lines) + "A\033[J" + text;
@@ -410,14 +437,6 @@ struct Host {
         }
     }
 };
-
-size_t terminal_width(bool tty) {
-    struct winsize ws;
-    if (tty && ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
-    const char *columns = getenv("COLUMNS");
-    if (columns && atoi(columns) > 0) return static_cast<size_t>(atoi(columns));
-    return 0;
-}
 
 int user_log_level(const Options &options) {
     if (options.log_level >= 0) return options.log_level;
@@ -522,6 +541,7 @@ int run(Host &host, void *library, const std::string &library_path) {
             status = 1;
             break;
         }
+        if (g_stop_signal) break;  // what failed then failed of the signal
         if (!ok) {
             complain("initialization failed: " + explain_initialize_failure(captured()));
             status = 1;
@@ -543,8 +563,10 @@ int run(Host &host, void *library, const std::string &library_path) {
             status = 1;
             break;
         }
-        for (const std::string &f : failures)
-            complain("note: " + f + "; that device will not be collected");
+        // After Ctrl-C the header runs die of the terminal's signal, not of a fault.
+        if (!g_stop_signal)
+            for (const std::string &f : failures)
+                complain("note: " + f + "; that device will not be collected");
 
         if (options.print_schema) {
             json_t *json = vyr_schema_jsonify(host.schema);
@@ -563,15 +585,16 @@ int run(Host &host, void *library, const std::string &library_path) {
             break;
         }
 
+        // One event must always fit, or write_events could never hand it over.
         uint64_t largest = vyr_type_system_get_max_event_type_size(host.ts);
-        if (options.buffer_size < largest + 16) {
-            complain("--buffer-size " + std::to_string(options.buffer_size) +
-                     " is too small: one event needs " + std::to_string(largest) +
-                     " bytes plus a 16-byte block header");
-            status = 2;
-            break;
+        uint64_t size = options.buffer_size;
+        if (size < largest + 16) {
+            size = largest + 16;
+            complain("note: --buffer-size " + std::to_string(options.buffer_size) +
+                     " is too small for the largest event (" + std::to_string(largest) +
+                     " bytes plus a 16-byte block header); using " + std::to_string(size));
         }
-        host.buffer.assign(options.buffer_size, 0);
+        host.buffer.assign(size, 0);
         stop_capturing();
 
         host.tty = isatty(STDOUT_FILENO) == 1;

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cmath>
@@ -356,10 +357,27 @@ std::string clock_text(uint64_t usec) {
     return format("%s.%03u", buf, static_cast<unsigned>(usec % 1000000 / 1000));
 }
 
+namespace {
+
+// What people look at first: health, errors, error ratios, temperatures;
+// the rest after them in schema order. Fields the metrics leave out (the
+// device's name again, duplicates) are not offered.
+int column_rank(const vyr_type_field_definition_t *f) {
+    FieldMetric m = map_field(f->field_name, !field_is_text(f));
+    if (m.kind == MetricKind::kIgnore) return -1;
+    if (m.kind == MetricKind::kInfo) return m.name == "link_state" || m.name == "status" ? 0 : 5;
+    if (m.type == "counter") return 1;
+    if (m.name.find("_ber") != std::string::npos) return 2;
+    if (m.name.find("temperature") != std::string::npos) return 3;
+    return m.name == "tarvik_tool_timestamp_seconds" ? 6 : 4;
+}
+
+}  // namespace
+
 std::vector<std::string> default_table_columns(const vyr_schema_t *schema) {
-    std::vector<std::string> columns;
+    std::vector<std::pair<int, std::string>> columns;
     std::set<std::string> seen;
-    if (!schema) return columns;
+    if (!schema) return {};
     for (unsigned t = 0; t < schema->num_types; ++t) {
         const vyr_type_definition_t *type = schema->types[t];
         if (!type) continue;
@@ -367,11 +385,16 @@ std::vector<std::string> default_table_columns(const vyr_schema_t *schema) {
         for (int i = 0; i < type->num_fields; ++i) {
             const vyr_type_field_definition_t *f = type->fields[i];
             if (!f || !f->field_name || f == dev || is_timestamp_field(f)) continue;
-            if (strcmp(f->field_name, "event_name") == 0) continue;
-            if (seen.insert(f->field_name).second) columns.push_back(f->field_name);
+            int rank = column_rank(f);
+            if (rank >= 0 && seen.insert(f->field_name).second)
+                columns.push_back({rank, f->field_name});
         }
     }
-    return columns;
+    std::stable_sort(columns.begin(), columns.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::vector<std::string> names;
+    for (const auto &c : columns) names.push_back(c.second);
+    return names;
 }
 
 std::string render_table(const Snapshot &snapshot, const TableOptions &options) {

@@ -66,8 +66,10 @@ struct TableOptions {
     size_t width = 0;                  // 0: no limit
     size_t max_cell = 24;              // longer cells are cut and end in '~'
 };
-// Every field of every type of the schema, first appearance first, without
-// the ones the table shows anyway (the index field, timestamps, "event_name").
+// The fields of every type of the schema: health (link state, status) first,
+// then error counters, error ratios, temperatures, the rest in schema order;
+// without the ones the table shows anyway (the index field, timestamps) and
+// the ones the metrics leave out (event_name, Device, a repeated Status).
 std::vector<std::string> default_table_columns(const vyr_schema_t *schema);
 // The poll's title line, then a header row and one row per event.
 std::string render_table(const Snapshot &snapshot, const TableOptions &options);
