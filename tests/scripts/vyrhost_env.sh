@@ -88,3 +88,19 @@ wait_exit() {
     kill -9 "$pid" 2>/dev/null
     wait "$pid" 2>/dev/null
 }
+
+# Starts vyrhost --listen 127.0.0.1:0 ARGS... in the background; sets VPID and
+# URL (its /metrics) once it serves, stderr in vyrhost.err.
+start_exporter() {
+    "$VYRHOST" --listen 127.0.0.1:0 "$@" >vyrhost.out 2>vyrhost.err &
+    VPID=$!
+    URL=""
+    local _
+    for _ in $(seq 100); do
+        URL=$(sed -n 's/^vyrhost: serving Prometheus metrics at \(http:[^ ]*\)$/\1/p' vyrhost.err)
+        [ -n "$URL" ] && return 0
+        sleep 0.1
+    done
+    fail "vyrhost did not start serving: $(cat vyrhost.err)"
+    return 1
+}
