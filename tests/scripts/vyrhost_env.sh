@@ -45,16 +45,6 @@ setup_three_devices() {
     done
 }
 
-# A fourth adapter whose text values hold a double quote and backslashes.
-add_quoting_device() {
-    export ZDT_SIM_DEVICES="$ZDT_SIM_DEVICES;qt0,arcline,eth3"
-    export PHYPROBE_SIM_HEADER_LINE__qt0='Device,Note,Path,Lane_Count'
-    export PHYPROBE_SIM_VALUE_LINE__qt0='{dev},say "hi",C:\temp\{run},4'
-    mknod /dev/zdt/qt0 c 1 3
-    mkdir -p /sys/class/net/eth3
-    echo 1 >/sys/class/net/eth3/type
-}
-
 # The collector settings every run uses: collect every 2 seconds.
 ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
 SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
