@@ -86,6 +86,7 @@ FieldMetric map_field(const std::string &field, bool numeric) {
                      : field != p)
             continue;
         m.kind = r.kind;
+        m.known = true;
         m.name = r.name;
         m.type = r.type;
         m.divisor = r.divisor;

@@ -364,7 +364,7 @@ namespace {
 // device's name again, duplicates) are not offered.
 int column_rank(const vyr_type_field_definition_t *f) {
     FieldMetric m = map_field(f->field_name, !field_is_text(f));
-    if (m.kind == MetricKind::kIgnore) return -1;
+    if (m.kind == MetricKind::kIgnore) return m.known ? -1 : 5;
     if (m.kind == MetricKind::kInfo) return m.name == "link_state" || m.name == "status" ? 0 : 5;
     if (m.type == "counter") return 1;
     if (m.name.find("_ber") != std::string::npos) return 2;
@@ -495,14 +495,6 @@ std::string prom_metric_name(const std::string &prefix, const std::string &field
         if (name.size() >= n && name.compare(name.size() - n, n, suffix) == 0)
             return name + "_value";
     }
-    return name;
-}
-
-std::string prom_label_name(const std::string &field) {
-    std::string name = clean_name(lower(field));
-    if (name.empty() || (name[0] >= '0' && name[0] <= '9') || name.compare(0, 2, "__") == 0)
-        name = "field_" + name;
-    if (name == "le" || name == "quantile") name += "_";  // reserved by histograms and summaries
     return name;
 }
 
