@@ -37,18 +37,8 @@ echo 'int not_a_provider(void) { return 1; }' >notprov.c
 cc -shared -fPIC -o /tmp/libnotprovider.so notprov.c || fail "cannot build a plain library"
 expect_failure 1 "vyrhost: /tmp/libnotprovider.so is not a provider plug-in: it has no construct_event_provider entry point" \
     --library /tmp/libnotprovider.so
-echo "just text" >/tmp/notalib.so
-"$VYRHOST" --library /tmp/notalib.so >out.txt 2>err.txt
-expect_eq 1 $? "status for a library that is no ELF file"
-expect_eq 1 "$(wc -l <err.txt)" "lines of explanation for a file that is no library"
-expect_contains err.txt "vyrhost: /tmp/notalib.so is not a loadable provider library: " "no ELF"
 printf 'tarvik_update_interval_sec=2\nnot a setting\n' >bad.conf
 expect_failure 2 "vyrhost: bad.conf:2: expected KEY=VALUE, found 'not a setting'" --config bad.conf
-
-"$VYRHOST" --help >out.txt 2>err.txt
-expect_eq 0 $? "status of --help"
-expect_contains out.txt "Usage: vyrhost [OPTIONS]" "--help"
-expect_contains out.txt "  vyrhost --set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0 \\" "--help example"
 
 # No adapter at all: /dev/zdt is empty.
 expect_failure 1 "vyrhost: initialization failed: no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"
@@ -100,30 +90,14 @@ tdg0 tarvik_event_1 2" "$(cat summary.txt)" "JSON: events per device and their t
 expect_eq 0 $? "status of the table run"
 python3 - table.txt <<'EOF' || fail "table: $(cat table.txt)"
 import re, sys
-text = open(sys.argv[1]).read()
-tables = [t for t in text.split("\n\n") if t.strip()]
-full = 0
-for t in tables:
-    lines = t.split("\n")
-    m = re.match(r"poll \d+ at \d\d:\d\d:\d\d: (\d+) devices? ready$", lines[0])
-    assert m, lines[0]
-    rows = lines[2:]
-    assert len(rows) == int(m.group(1)), (lines[0], rows)
-    assert lines[1].startswith("DEVICE  TYPE  "), lines[1]
-    # every value starts where its title starts, or ends where it ends
-    names = [r.split()[0] for r in rows]
-    assert names == sorted(names), names
-    if len(rows) == 3:
-        full += 1
-        assert names == ["arx0", "arx1", "tdg0"], names
-        types = [r.split()[1] for r in rows]
-        assert types[0] == types[1] != types[2], types
-        starts = [m.start() for m in re.finditer(r"(?<=  )\S|^\S", lines[1])]
-        for r in rows:
-            assert len(r) <= len(lines[1]) + 30, r
-            for s in starts[:3]:
-                assert r[s] != " " and (s == 0 or r[s - 2:s] == "  "), (s, r)
-assert full >= 2, "fewer than two polls with all three devices"
+tables = [t.split("\n") for t in open(sys.argv[1]).read().split("\n\n") if t.strip()]
+full = [t for t in tables if t[0].endswith(": 3 devices ready")]
+assert len(full) >= 2, "fewer than two polls with all three devices"
+for t in full:
+    assert t[1].startswith("DEVICE  TYPE            COLLECTED     Link_State  Status  Raw_Errors_Lane_0"), t[1]
+    assert [r.split()[0] for r in t[2:5]] == ["arx0", "arx1", "tdg0"], t
+    starts = [m.start() for m in re.finditer(r"(?<=  )\S|^\S", t[1])][:3]
+    assert all(r[s] != " " and r[s - 2:s] in ("", "  ") for r in t[2:5] for s in starts), t
 EOF
 "$VYRHOST" "${ONESHOT[@]}" --format table --count 3 --width 60 >narrow.txt 2>err.txt
 expect_contains narrow.txt "3 devices ready, " "narrow table"
