@@ -52,26 +52,20 @@ def check(text, where):
 
 def main():
     args = sys.argv[1:]
-    same = "--same-series" in args
-    args = [a for a in args if a != "--same-series"]
-    split = None
-    if args[:1] == ["--split"]:
-        split, args = args[1], args[2:]
+    same = args[0] == "--same-series"
+    args = args[same:]
+    split, args = (args[1], args[2:]) if args[0] == "--split" else (None, args)
     parts = []
     for path in args:
         text = open(path, encoding="utf-8").read()
-        if split is None:
-            parts.append((path, text))
-            continue
-        for n, chunk in enumerate(re.split(f"^{re.escape(split)}.*\n", text, flags=re.M)[1:]):
-            parts.append((f"{path} part {n + 1}", chunk))
+        chunks = re.split(f"^{re.escape(split)}.*\n", text, flags=re.M)[1:] if split else [text]
+        parts += [(f"{path} part {n + 1}", chunk) for n, chunk in enumerate(chunks)]
     problems, first = [], None
     for where, text in parts:
         found, series = check(text, where)
         problems += found
-        if same and first is not None and series != first[1]:
-            problems.append(f"{where}: series differ from {first[0]}: "
-                            f"{sorted(series ^ first[1])[:5]}")
+        if same and first and series != first[1]:
+            problems.append(f"{where}: series differ from {first[0]}: {sorted(series ^ first[1])[:5]}")
         first = first or (where, series)
     print("\n".join(problems) if problems else f"{len(parts)} expositions ok")
     return 1 if problems or not parts else 0

@@ -28,18 +28,12 @@ expect_failure() {
     [ -s out.txt ] && fail "vyrhost $* printed on stdout: $(head -c 300 out.txt)"
 }
 
-expect_failure 2 "vyrhost: unknown option '--frobnicate' (see vyrhost --help)" --frobnicate
-expect_failure 2 "vyrhost: bad --set 'tarvik_devices': expected KEY=VALUE, for example --set tarvik_update_interval_sec=5" \
-    --set tarvik_devices
 expect_failure 1 "vyrhost: provider library /nonexistent/libtarvik_provider.so does not exist" \
     --library /nonexistent/libtarvik_provider.so
 echo 'int not_a_provider(void) { return 1; }' >notprov.c
 cc -shared -fPIC -o /tmp/libnotprovider.so notprov.c || fail "cannot build a plain library"
 expect_failure 1 "vyrhost: /tmp/libnotprovider.so is not a provider plug-in: it has no construct_event_provider entry point" \
     --library /tmp/libnotprovider.so
-printf 'tarvik_update_interval_sec=2\nnot a setting\n' >bad.conf
-expect_failure 2 "vyrhost: bad.conf:2: expected KEY=VALUE, found 'not a setting'" --config bad.conf
-
 # No adapter at all: /dev/zdt is empty.
 expect_failure 1 "vyrhost: initialization failed: no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"
 
@@ -54,6 +48,13 @@ vyrhost: tarvik_update_interval_sec must be a whole number of seconds from 1 to 
     --set tarvik_intervall=5 --set tarvik_update_interval_sec=-5
 PHYPROBE_SIM_FAIL_HEADER_RUN=5 expect_failure 1 \
     "vyrhost: initialization failed: no device gave a usable header (header run for arx0 failed with exit status 5; header run for arx1 failed with exit status 5; header run for tdg0 failed with exit status 5)"
+# A second Ctrl-C while header runs hang ends vyrhost at once, without
+# blaming the devices for dying of the first one.
+PHYPROBE_SIM_HANG=10 "$VYRHOST" "${ONESHOT[@]}" >out.txt 2>err.txt &
+pid=$!
+sleep 1 && kill -INT "$pid" && sleep 0.5 && kill -INT "$pid"
+wait_exit "$pid" 2
+expect_eq "130 vyrhost: second signal, exiting without waiting for the plug-in" "$EXIT_STATUS $(cat err.txt)" "second SIGINT"
 # One device without a header is only a note; the others are collected.
 PHYPROBE_SIM_FAIL_HEADER_RUN__tdg0=7 "$VYRHOST" "${ONESHOT[@]}" --count 2 >out.txt 2>err.txt
 expect_eq 0 $? "status with one failing header run"
@@ -68,10 +69,6 @@ expect_eq 0 $? "status of --print-schema"
 id=$(head -c -1 schema.json | md5sum | cut -d' ' -f1)
 expect_eq "vyrhost: schema \"tarvik\" version 1.0.0, identifier $id" "$(cat err.txt)" \
     "the identifier is the MD5 of the pretty JSON printed"
-expect_eq "tarvik_event_0 tarvik_event_1" \
-    "$(python3 -c 'import json,sys; print(*[t["name"] for t in json.load(open(sys.argv[1]))["types"]])' schema.json)" \
-    "one type per distinct header"
-
 # ------------------------------------------------- JSON, two intervals
 
 # Six events take two polls of three devices, two seconds apart.
@@ -99,20 +96,7 @@ for t in full:
     starts = [m.start() for m in re.finditer(r"(?<=  )\S|^\S", t[1])][:3]
     assert all(r[s] != " " and r[s - 2:s] in ("", "  ") for r in t[2:5] for s in starts), t
 EOF
-"$VYRHOST" "${ONESHOT[@]}" --format table --count 3 --width 60 >narrow.txt 2>err.txt
-expect_contains narrow.txt "3 devices ready, " "narrow table"
-expect_contains narrow.txt " more columns beyond 60 characters (pick them with --columns)" "narrow table"
-awk 'length > 60 && !/^poll /' narrow.txt | grep -q . && fail "table rows wider than 60: $(cat narrow.txt)"
-
 # ------------------------------------------------- Prometheus text, two intervals
-
-"$VYRHOST" "${ONESHOT[@]}" --format prometheus --count 6 >metrics.txt 2>err.txt
-expect_eq 0 $? "status of the prometheus run"
-python3 "$SCRIPTS/check_exposition.py" --split '# vyrhost poll' metrics.txt >check.txt ||
-    fail "prometheus exposition: $(cat check.txt)"
-for d in arx0 arx1 tdg0; do
-    expect_contains metrics.txt "tarvik_collected_timestamp_seconds{device=\"$d\",interface=\"eth" "series of $d"
-done
 
 # A device of 10,000 columns (80 KB events) with the default buffer, and one
 # whose double columns turn to inf and nan after its header run.
@@ -155,13 +139,5 @@ ps -eo args | grep -E 'tools/sim/phyprobe|tools/vyrhost/vyrhost' | grep -v grep 
 python3 "$SCRIPTS/check_vyrhost_json.py" schema.json service.jsonl >summary.txt ||
     fail "service JSON: $(cat summary.txt)"
 [ "$(wc -l <summary.txt)" = 3 ] || fail "service mode: not all three devices: $(cat summary.txt)"
-
-# SIGTERM in one-shot mode ends it the same way.
-"$VYRHOST" "${ONESHOT[@]}" --format table >/dev/null 2>term.err &
-pid=$!
-sleep 1
-kill -TERM "$pid"
-wait_exit "$pid" 30
-expect_eq 0 "$EXIT_STATUS" "exit status after SIGTERM"
 
 finish

@@ -17,12 +17,8 @@ expect_contains() { # expect_contains FILE TEXT WHAT
     grep -qF -- "$2" "$1" || fail "$3: [$2] not in $1: $(head -c 2000 "$1")"
 }
 finish() {
-    if [ "$failures" -ne 0 ]; then
-        echo "$failures check(s) failed" >&2
-        exit 1
-    fi
-    echo "ok"
-    exit 0
+    [ "$failures" -eq 0 ] || { echo "$failures check(s) failed" >&2 && exit 1; }
+    echo "ok" && exit 0
 }
 
 # Refuses to run outside the namespace: the tests make /dev/zdt entries and
@@ -52,11 +48,9 @@ SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
 # Waits (up to $2 seconds) until file $1 has at least $3 lines.
 wait_lines() {
     local deadline=$((SECONDS + $2))
-    while [ "$SECONDS" -lt "$deadline" ]; do
-        [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ] && return 0
-        sleep 0.2
+    until [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ]; do
+        [ "$SECONDS" -lt "$deadline" ] && sleep 0.2 || return 1
     done
-    return 1
 }
 
 # Waits (up to $2 seconds) for background process $1 to end, killing it if it
@@ -67,11 +61,7 @@ wait_exit() {
     EXIT_STATUS=hung
     while [ "$SECONDS" -lt "$deadline" ]; do
         case "$(ps -o stat= -p "$pid" 2>/dev/null)" in
-        "" | Z*)
-            wait "$pid"
-            EXIT_STATUS=$?
-            return
-            ;;
+        "" | Z*) wait "$pid" && EXIT_STATUS=0 || EXIT_STATUS=$? && return ;;
         esac
         sleep 0.1
     done
@@ -84,13 +74,10 @@ wait_exit() {
 start_exporter() {
     "$VYRHOST" --listen 127.0.0.1:0 "$@" >vyrhost.out 2>vyrhost.err &
     VPID=$!
-    URL=""
     local _
     for _ in $(seq 100); do
         URL=$(sed -n 's/^vyrhost: serving Prometheus metrics at \(http:[^ ]*\)$/\1/p' vyrhost.err)
-        [ -n "$URL" ] && return 0
-        sleep 0.1
+        [ -n "$URL" ] && return 0 || sleep 0.1
     done
-    fail "vyrhost did not start serving: $(cat vyrhost.err)"
-    return 1
+    fail "vyrhost did not start serving: $(cat vyrhost.err)" && return 1
 }

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -170,22 +169,16 @@ TEST(VyrhostMetrics, EachFieldMapsToItsFamily) {
         {"Raw_Errors_Lane_07", true, S, "tarvik_raw_errors_total", "counter", 1, "lane", "7"},
         {"hist_bin_15", true, S, "tarvik_fec_hist_bin_total", "counter", 1, "bin", "15"},
         {"Raw_Errors_Lane_", true, S, "tarvik_raw_errors_lane_", "gauge", 1, "", ""},
-        {"Raw_Errors_Lane_1x", true, S, "tarvik_raw_errors_lane_1x", "gauge", 1, "", ""},
         {"timestamp", true, S, "tarvik_collected_timestamp_seconds", "gauge", 1e6, "", ""},
         {"Tx_BiasmA", true, S, "tarvik_tx_bias_amperes", "gauge", 1e3, "", ""},
-        {"temperature", true, S, "tarvik_temperature_celsius", "gauge", 1, "", ""},
         {"Effective_Physical_BER", false, S, "tarvik_effective_physical_ber", "gauge", 1, "", ""},
         {"Vendor", false, I, "vendor", "", 1, "", ""},
         {"Status_0", false, X, "", "", 1, "", ""},
-        {"Device", false, X, "", "", 1, "", ""},
         {"Note", false, X, "", "gauge", 1, "", ""},
-        {"Temp-C", true, S, "tarvik_temp_c", "gauge", 1, "", ""},
         {"bytes_total", true, S, "tarvik_bytes_total_value", "gauge", 1, "", ""},
-        {"x_Created", true, S, "tarvik_x_created_value", "gauge", 1, "", ""},
         {"Info", true, S, "tarvik_info_field", "gauge", 1, "", ""},
         {"Device_Up", true, S, "tarvik_device_up_field", "gauge", 1, "", ""},
         {"Temperature_Celsius", true, S, "tarvik_temperature_celsius_field", "gauge", 1, "", ""},
-        {"\xc3\xa9t\xc3\xa9", true, S, "tarvik___t__", "gauge", 1, "", ""},
     };
     for (const auto &c : cases) {
         FieldMetric m = map_field(c.field, c.numeric);
@@ -199,18 +192,10 @@ TEST(VyrhostMetrics, EachFieldMapsToItsFamily) {
 }
 
 TEST(VyrhostMetrics, TextReadingsAreNumbersOrNaN) {
-    const struct {
-        const char *text;
-        double value;  // NAN: none
-    } cases[] = {{"5E-15", 5e-15}, {" -2.9 ", -2.9}, {"12", 12},         {"", NAN},
-                 {"N/A", NAN},     {"1.5x", NAN},    {"-inf", -INFINITY}};
-    for (const auto &c : cases) {
-        double v = text_number(c.text);
-        if (std::isnan(c.value))
-            EXPECT_TRUE(std::isnan(v)) << c.text;
-        else
-            EXPECT_EQ(c.value, v) << c.text;
-    }
+    for (const auto &c : std::vector<std::pair<std::string, double>>{
+             {"5E-15", 5e-15}, {" -2.9 ", -2.9}, {"-inf", -INFINITY}})
+        EXPECT_EQ(c.second, text_number(c.first)) << c.first;
+    for (const char *none : {"", "N/A", "1.5x"}) EXPECT_TRUE(std::isnan(text_number(none))) << none;
 }
 
 TEST(VyrhostMetrics, InterfacesOfTheDeviceReport) {
@@ -225,19 +210,16 @@ TEST(VyrhostMetrics, InterfacesOfTheDeviceReport) {
     EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{
                   {"arx0", "eth0"}, {"tg1", "eth1,eth2"}, {"bf2", ""}}),
               report_interfaces(report));
-    EXPECT_TRUE(report_interfaces("DEVICE_TYPE ZDT PCI\nX /dev/zdt/a 1\n").empty());
 }
 
 TEST(VyrhostPrometheus, LabelValuesAndHelpAreEscaped) {
     struct {
         std::string in, label, help;
     } cases[] = {
-        {"plain", "plain", "plain"},
         {"say \"hi\"", "say \\\"hi\\\"", "say \"hi\""},
         {"C:\\path", "C:\\\\path", "C:\\\\path"},
         {"two\nlines", "two\\nlines", "two\\nlines"},
         {"bad \xff byte", "bad \xef\xbf\xbd byte", "bad \xef\xbf\xbd byte"},
-        {"caf\xc3\xa9", "caf\xc3\xa9", "caf\xc3\xa9"},
         {"cut \xc3", "cut \xef\xbf\xbd", "cut \xef\xbf\xbd"},
     };
     for (const auto &c : cases) {
@@ -370,21 +352,14 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
     } cases[] = {
         {{"--set", "=5"},
          "bad --set '=5': expected KEY=VALUE, for example --set tarvik_update_interval_sec=5"},
-        {{"--set"}, "option --set needs a value (see vyrhost --help)"},
         {{"--poll", "0"}, "--poll '0': expected a number of seconds above 0, such as 2 or 0.5"},
-        {{"--poll=2s"}, "--poll '2s': expected a number of seconds above 0, such as 2 or 0.5"},
         {{"--format", "xml"}, "--format 'xml': expected json, table or prometheus"},
-        {{"--count", "-1"}, "--count '-1': expected a number of events above 0"},
-        {{"--buffer-size", "16"},
-         "--buffer-size '16': expected a number of bytes from 17 to 1073741824"},
         {{"--log-level", "9"},
          "--log-level '9': expected 0 to 7 (3 errors, 4 warnings, 6 info, 7 debug)"},
         {{"--listen", "::1:80"},
          "--listen '::1:80': write an IPv6 address in brackets, [::1]:PORT"},
-        {{"--listen", "host:99999"},
-         "--listen 'host:99999': expected [ADDRESS:]PORT with a port from 0 to 65535"},
-        {{"--timestamps=yes"}, "option --timestamps takes no value"},
         {{"extra"}, "unexpected argument 'extra' (see vyrhost --help)"},
+        {{"--frobnicate"}, "unknown option '--frobnicate' (see vyrhost --help)"},
     };
     for (const auto &c : cases) {
         Options o;
@@ -408,21 +383,11 @@ TEST(VyrhostOptions, GoodCommandLine) {
     EXPECT_EQ(4, o.log_level);
     EXPECT_TRUE(o.print_schema);
 
-    struct {
-        const char *text, *host;
-        uint16_t port;
-        bool ipv6;
-    } listens[] = {{"9464", "127.0.0.1", 9464, false},
-                   {":0", "127.0.0.1", 0, false},
-                   {"0.0.0.0:80", "0.0.0.0", 80, false},
-                   {"[::1]:9100", "::1", 9100, true}};
-    for (const auto &l : listens) {
-        ListenAddress a;
-        ASSERT_EQ("", parse_listen(l.text, &a)) << l.text;
-        EXPECT_EQ(l.host, a.host);
-        EXPECT_EQ(l.port, a.port);
-        EXPECT_EQ(l.ipv6, a.ipv6);
-    }
+    ListenAddress a;
+    ASSERT_EQ("", parse_listen("[::1]:9100", &a));
+    EXPECT_TRUE(a.host == "::1" && a.port == 9100 && a.ipv6);
+    ASSERT_EQ("", parse_listen("9464", &a));
+    EXPECT_TRUE(a.host == "127.0.0.1" && a.port == 9464 && !a.ipv6);
 }
 
 TEST(VyrhostOptions, SettingsAreCheckedBeforeThePluginIsBuilt) {
@@ -459,6 +424,8 @@ TEST(VyrhostOptions, ConfigurationFile) {
     EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{
                   {"tarvik_devices", "a,b"}, {"tarvik_update_interval_sec", "5"}}),
               kv);
+    vyrtest::write_file(path, "a=1\nnot a setting\n");
+    EXPECT_EQ(path + ":2: expected KEY=VALUE, found 'not a setting'", read_config_file(path, &kv));
     remove(path.c_str());
     EXPECT_EQ("cannot read configuration file " + path + ": No such file or directory",
               read_config_file(path, &kv));
@@ -481,7 +448,6 @@ TEST(VyrhostExplain, WhyInitializeFailed) {
         {{{3, "[device_utils]  No valid devices found"}, {3, none}},
          "no devices to collect ('zdt status -v' lists no Arcline or Tidegate adapter with a "
          "/dev/zdt entry)"},
-        {{{3, none}}, "no devices to collect"},
         {{{3, "[tarvik provider] [_create_tarvik_event_type] Unknown tarvik field type 7"},
           {3,
            "[tarvik provider] [tarvik_provider_initialize] Could not create tarvik event "
