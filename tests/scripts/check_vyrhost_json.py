@@ -7,7 +7,7 @@ Every line must be one JSON object whose keys are "source", "block_time" and
 then exactly the fields of one type of the schema, in field order; text
 fields (char arrays) must be strings, every other field a number or null (a
 non-finite double); block_time at or after the event's timestamp. Prints
-problems, then one line per device: "DEVICE TYPE_NAME EVENTS", sorted; exits
+problems, then one line per device and type: "DEVICE TYPE_NAME EVENTS", sorted; exits
 1 if there was a problem.
 """
 import json
@@ -30,9 +30,6 @@ for number, line in enumerate(open(sys.argv[2]), 1):
             problems.append(f"line {number}: {f['field_name']} is {value!r}")
     if not obj["source"].endswith(":tarvik") or not obj["block_time"] >= obj["timestamp"] > 0:
         problems.append(f"line {number}: source {obj['source']!r}, block_time {obj['block_time']}")
-    entry = devices.setdefault(obj["device_name"], [name, 0])
-    if entry[0] != name:
-        problems.append(f"line {number}: device {obj['device_name']} changed type")
-    entry[1] += 1
-print("\n".join(problems + [f"{d} {devices[d][0]} {devices[d][1]}" for d in sorted(devices)]))
+    devices.setdefault((obj["device_name"], name), []).append(number)
+print("\n".join(problems + [f"{d} {t} {len(n)}" for (d, t), n in sorted(devices.items())]))
 sys.exit(1 if problems else 0)

@@ -19,16 +19,14 @@ ulimit -Sn 1024 # what systemd gives a service
 start_exporter --set tarvik_update_interval_sec=1 --set tarvik_phyprobe_as_service=0 \
     --set tarvik_max_errors=1 --poll 1 --format json || finish
 base=${URL%/metrics}
-case "$URL" in http://127.0.0.1:[1-9]*/metrics) ;; *) fail "URL $URL is not on loopback" ;; esac
 
 curl -s -D headers.txt -o /dev/null "$URL"
-expect_eq "HTTP/1.1 200 OK" "$(head -1 headers.txt | tr -d '\r')" "status of /metrics"
-expect_eq "Content-Type: text/plain; version=0.0.4; charset=utf-8" \
-    "$(grep -i '^content-type:' headers.txt | tr -d '\r')" "media type of /metrics"
+expect_eq "HTTP/1.1 200 OK|Content-Type: text/plain; version=0.0.4; charset=utf-8" \
+    "$(grep -i '^HTTP\|^content-type:' headers.txt | tr -d '\r' | paste -sd'|')" "status and media type of /metrics"
 expect_eq "200 vyrhost: the plug-in's Prometheus metrics are at /metrics" \
     "$(curl -s -w '%{http_code} ' -o root.txt "$base/" && tr -d '\n' <root.txt)" "GET /"
-expect_eq "404 405 200" "$(curl -s -o /dev/null -w '%{http_code}' "$base/nothing") $(curl -s -o /dev/null \
-    -w '%{http_code}' -X POST "$URL") $(curl -s -o /dev/null -w '%{http_code}' -I "$URL")" "404, POST, HEAD"
+expect_eq "404 405 200" "$(for a in "$base/nothing" "-X POST $URL" "-I $URL"; do
+    curl -s -o /dev/null -w '%{http_code}\n' $a; done | xargs)" "404, POST, HEAD"
 
 if command -v prometheus >/dev/null; then
     port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
