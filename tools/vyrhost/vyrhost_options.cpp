@@ -265,12 +265,14 @@ the Prometheus text format (also served over HTTP with --listen).
 
 It hands the plug-in its settings, calls get_sources, initialize and start,
 then every --poll seconds drains write_events into a buffer, decodes the event
-blocks and prints each event. Ctrl-C (SIGINT) or SIGTERM, --count or
---duration end it: the plug-in is stopped and destroyed, and vyrhost exits 0.
+blocks and prints each event. Ctrl-C (SIGINT), SIGTERM or SIGHUP, --count or
+--duration end it: the plug-in is stopped and destroyed, and vyrhost exits 0;
+a second signal ends it at once (status 128 + signal).
 
 Plug-in and its settings:
-  --library PATH         provider library to load (default: the
-                         libtarvik_provider built or installed beside vyrhost)
+  --library PATH         provider library to load, as given (default: the
+                         libtarvik_provider of vyrhost's build tree or of
+                         its install prefix, never one elsewhere)
   --set KEY=VALUE        a setting for the plug-in; repeat for more. The tarvik
                          plug-in reads tarvik_update_interval_sec (default 30),
                          tarvik_phyprobe_as_service (1 = service, 0 = one run
@@ -281,8 +283,9 @@ Plug-in and its settings:
 
 Polling:
   --poll SECONDS         how often to ask for events (default 2; 0.5 works)
-  --buffer-size BYTES    size of the event buffer (default 65536); a full
-                         buffer is drained and the plug-in asked again
+  --buffer-size BYTES    size of the event buffer (default 65536, grown to the
+                         largest event if smaller); a full buffer is drained
+                         and the plug-in asked again
   --count N              stop after N events
   --duration SECONDS     stop after this long
 
@@ -290,7 +293,8 @@ Output:
   --format FORMAT        json (default): one object per event and line;
                          table: one row per device, redrawn every poll;
                          prometheus: text exposition, one per poll
-  --columns A,B,...      table: the fields to show (default: all that fit)
+  --columns A,B,...      table: the fields to show (default: health, errors,
+                         error ratios, temperatures first, as many as fit)
   --width N              table: cut rows to N characters (default: the
                          terminal's width; 0 = no limit)
   --no-refresh           table: print every poll's table below the last one
@@ -317,7 +321,7 @@ Serve Prometheus metrics on port 9464 until Ctrl-C:
   vyrhost --set tarvik_update_interval_sec=10 --listen 9464
 
 Exit status: 0 done, 1 the plug-in could not be loaded or brought up (the
-reason is printed), 2 bad command line or configuration file.
+reason is printed), 2 bad command line, configuration file or setting.
 )";
 }
 
