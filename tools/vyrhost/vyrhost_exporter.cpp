@@ -143,10 +143,13 @@ void Exporter::accept_loop() {
         clock_gettime(CLOCK_MONOTONIC, &ts);
         return ts.tv_sec + ts.tv_nsec / 1e9;
     };
+    double paused_until = 0;  // out of descriptors with none to give back
     for (;;) {
-        std::vector<pollfd> fds = {{wake_[0], POLLIN, 0}, {listen_fd_, POLLIN, 0}};
+        bool paused = now() < paused_until;
+        std::vector<pollfd> fds = {{wake_[0], POLLIN, 0},
+                                   {listen_fd_, static_cast<short>(paused ? 0 : POLLIN), 0}};
         for (const Waiting &w : waiting) fds.push_back({w.fd, POLLIN, 0});
-        int timeout = waiting.empty() ? -1 : 100;
+        int timeout = waiting.empty() && !paused ? -1 : 100;
         if (poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) break;
         if (fds[0].revents) break;
         double t = now();
@@ -177,6 +180,7 @@ void Exporter::accept_loop() {
                         waiting.pop_front();
                         continue;
                     }
+                    paused_until = t + 0.1;  // rather than spin on a full table
                 }
                 break;
             }
