@@ -176,7 +176,6 @@ TEST(VyrhostMetrics, EachFieldMapsToItsFamily) {
         {"Note", false, X, "", "gauge", 1, "", ""},
         {"bytes_total", true, S, "tarvik_bytes_total_value", "gauge", 1, "", ""},
         {"Info", true, S, "tarvik_info_field", "gauge", 1, "", ""},
-        {"Device_Up", true, S, "tarvik_device_up_field", "gauge", 1, "", ""},
         {"Temperature_Celsius", true, S, "tarvik_temperature_celsius_field", "gauge", 1, "", ""},
     };
     for (const auto &c : cases) {
@@ -220,6 +219,7 @@ TEST(VyrhostPrometheus, LabelValuesAndHelpAreEscaped) {
         {"two\nlines", "two\\nlines", "two\\nlines"},
         {"bad \xff byte", "bad \xef\xbf\xbd byte", "bad \xef\xbf\xbd byte"},
         {"cut \xc3", "cut \xef\xbf\xbd", "cut \xef\xbf\xbd"},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(c.label, prom_escape_label_value(c.in)) << c.in;
@@ -366,9 +366,9 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
 
 TEST(VyrhostOptions, GoodCommandLine) {
     Options o;
-    ASSERT_EQ("", parse({"--set", "a=1", "--set=b=x=y", "--set", "c=", "--poll", "0.5",
+    ASSERT_EQ("", parse({"--set", "a=1", "--set=b=x=y", "--set", "c=", "--poll", "0.5", "-h",
                          "--format=table", "--columns", "A, B,,C", "--count", "7", "--listen",
-                         "9464", "--log-level", "4", "--print-schema"},
+                         "9464", "--log-level", "4", "--print-schema", "--buffer-size=99999"},
                         &o));
     EXPECT_EQ(
         (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b", "x=y"}, {"c", ""}}),
@@ -378,7 +378,7 @@ TEST(VyrhostOptions, GoodCommandLine) {
     EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), o.columns);
     EXPECT_EQ(7u, o.count);
     EXPECT_EQ(4, o.log_level);
-    EXPECT_TRUE(o.print_schema);
+    EXPECT_TRUE(o.print_schema && o.help && o.buffer_size == 99999);
 
     ListenAddress a;
     ASSERT_EQ("", parse_listen("[::1]:9100", &a));
