@@ -19,6 +19,8 @@ trap 'rm -rf "$DATA"' EXIT
 awk -v curves="$DATA" -f "$ROOT/bench/ratios.awk" "$BUILD/bench.json" >/dev/null
 
 mkdir -p "$DOCS"
+# The /metrics rendering section is written by hand from vyrhost_render_bench; keep it.
+KEEP=$(sed -n '/^## Rendering \/metrics/,$p' "$DOCS/performance.md" 2>/dev/null || true)
 TERM_LINE="set terminal pngcairo size 860,520 font 'sans,11'"
 gnuplot -e "set terminal pngcairo" >/dev/null 2>&1 || TERM_LINE="set terminal png size 860,520"
 
@@ -150,5 +152,6 @@ Before, the type registration compared every field name with all the names
 before it; the first repeated name is now found in one walk over a hash set
 of the names seen, with the same result and the same message.
 MD
+    [ -z "$KEEP" ] || printf '\n%s\n' "$KEEP"
 } > "$DOCS/performance.md"
 echo "wrote $DOCS/performance.md and its PNGs"

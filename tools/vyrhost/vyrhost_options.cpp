@@ -2,11 +2,14 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 
 namespace vyrhost {
 
@@ -262,12 +265,14 @@ the Prometheus text format (also served over HTTP with --listen).
 
 It hands the plug-in its settings, calls get_sources, initialize and start,
 then every --poll seconds drains write_events into a buffer, decodes the event
-blocks and prints each event. Ctrl-C (SIGINT) or SIGTERM, --count or
---duration end it: the plug-in is stopped and destroyed, and vyrhost exits 0.
+blocks and prints each event. Ctrl-C (SIGINT), SIGTERM or SIGHUP, --count or
+--duration end it: the plug-in is stopped and destroyed, and vyrhost exits 0;
+a second signal ends it at once (status 128 + signal).
 
 Plug-in and its settings:
-  --library PATH         provider library to load (default: the
-                         libtarvik_provider built or installed beside vyrhost)
+  --library PATH         provider library to load, as given (default: the
+                         libtarvik_provider of vyrhost's build tree or of
+                         its install prefix, never one elsewhere)
   --set KEY=VALUE        a setting for the plug-in; repeat for more. The tarvik
                          plug-in reads tarvik_update_interval_sec (default 30),
                          tarvik_phyprobe_as_service (1 = service, 0 = one run
@@ -278,8 +283,9 @@ Plug-in and its settings:
 
 Polling:
   --poll SECONDS         how often to ask for events (default 2; 0.5 works)
-  --buffer-size BYTES    size of the event buffer (default 65536); a full
-                         buffer is drained and the plug-in asked again
+  --buffer-size BYTES    size of the event buffer (default 65536, grown to the
+                         largest event if smaller); a full buffer is drained
+                         and the plug-in asked again
   --count N              stop after N events
   --duration SECONDS     stop after this long
 
@@ -287,7 +293,8 @@ Output:
   --format FORMAT        json (default): one object per event and line;
                          table: one row per device, redrawn every poll;
                          prometheus: text exposition, one per poll
-  --columns A,B,...      table: the fields to show (default: all that fit)
+  --columns A,B,...      table: the fields to show (default: health, errors,
+                         error ratios, temperatures first, as many as fit)
   --width N              table: cut rows to N characters (default: the
                          terminal's width; 0 = no limit)
   --no-refresh           table: print every poll's table below the last one
@@ -314,7 +321,7 @@ Serve Prometheus metrics on port 9464 until Ctrl-C:
   vyrhost --set tarvik_update_interval_sec=10 --listen 9464
 
 Exit status: 0 done, 1 the plug-in could not be loaded or brought up (the
-reason is printed), 2 bad command line or configuration file.
+reason is printed), 2 bad command line, configuration file or setting.
 )";
 }
 
@@ -384,6 +391,55 @@ std::vector<std::string> header_failures(const std::vector<LoggedMessage> &log) 
             pending.clear();
         } else if (contains(t, "[tarvik_provider_initialize] Could not get header offset")) {
             out.push_back("a header file gave no value-line offset");
+        }
+    }
+    return out;
+}
+
+SettingsCheck check_settings(const std::vector<std::pair<std::string, std::string>> &settings,
+                             const std::vector<std::string> &discovered) {
+    SettingsCheck out;
+    const char *known[] = {"tarvik_devices", "tarvik_max_errors", "tarvik_phyprobe_as_service",
+                           "tarvik_update_interval_sec"};
+    const char *wanted = nullptr;
+    for (const auto &kv : settings) {
+        const std::string &key = kv.first, &value = kv.second;
+        if (std::find(std::begin(known), std::end(known), key) == std::end(known)) {
+            out.notes.push_back("unknown setting '" + key +
+                                "' is ignored (the plug-in reads tarvik_devices, "
+                                "tarvik_max_errors, tarvik_phyprobe_as_service and "
+                                "tarvik_update_interval_sec)");
+        } else if (key == "tarvik_update_interval_sec") {
+            // The plug-in reads it unsigned: "-5" would be a wait of 584 billion years.
+            bool digits = !value.empty() && value.size() <= 6 &&
+                          value.find_first_not_of("0123456789") == std::string::npos;
+            unsigned long seconds = digits ? strtoul(value.c_str(), nullptr, 10) : 0;
+            if (seconds < 1 || seconds > 86400)
+                out.error =
+                    "tarvik_update_interval_sec must be a whole number of seconds from 1 "
+                    "to 86400, not '" +
+                    value + "'";
+        } else if (key == "tarvik_devices") {
+            wanted = value.c_str();
+        }
+    }
+    if (!wanted) {
+        out.devices = discovered;
+        return out;
+    }
+    std::string text = wanted, piece;
+    std::istringstream in(text);
+    while (std::getline(in, piece, ',')) {
+        bool found = std::find(discovered.begin(), discovered.end(), piece) != discovered.end();
+        if (found) {
+            out.devices.push_back(piece);
+        } else if (piece.find_first_of(" \t") != std::string::npos) {
+            out.notes.push_back("tarvik_devices: '" + piece +
+                                "' has blanks in it; names are matched exactly, so it will not "
+                                "be collected");
+        } else {
+            out.notes.push_back("tarvik_devices: '" + piece +
+                                "' is not a device zdt lists; it will not be collected");
         }
     }
     return out;
