@@ -352,7 +352,7 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
         {{"--set"}, "option --set needs a value (see vyrhost --help)"},
         {{"--poll", "0"}, "--poll '0': expected a number of seconds above 0, such as 2 or 0.5"},
         {{"--poll=2s"}, "--poll '2s': expected a number of seconds above 0, such as 2 or 0.5"},
-        {{"--format", "xml"}, "--format 'xml': expected json, table or prometheus"},
+        {{"--format", "xml"}, "--format 'xml': expected json, table, prometheus or influx"},
         {{"--count", "-1"}, "--count '-1': expected a number of events above 0"},
         {{"--buffer-size", "16"},
          "--buffer-size '16': expected a number of bytes from 17 to 1073741824"},
