@@ -26,13 +26,15 @@
 #include <string>
 #include <vector>
 
+#include "device_utils.h"
 #include "vyr_event_provider.h"
 #include "vyr_json.h"
 #include "vyr_logger.h"
 #include "vyr_schema_json.h"
 #include "vyrhost_exporter.h"
-#include "vyrhost_options.h"
+#include "vyrhost_metrics.h"
 #include "vyrhost_influx.h"
+#include "vyrhost_options.h"
 #include "vyrhost_render.h"
 #include "vyrhost_textfile.h"
 
@@ -52,9 +54,10 @@ void wake_main() {
     (void)ignored;
 }
 
-// A second signal while the plug-in is being stopped means "do not wait".
+// A second signal means "do not wait": not for the plug-in to stop, nor for
+// the rest of its initialization (header runs of up to seconds per device).
 void request_stop(int sig) {
-    if (g_stopping.load()) {
+    if (g_stopping.load() || g_stop_signal) {
         const char msg[] = "vyrhost: second signal, exiting without waiting for the plug-in\n";
         ssize_t ignored = write(STDERR_FILENO, msg, sizeof msg - 1);
         (void)ignored;
@@ -68,6 +71,10 @@ void on_signal(int sig) {
     request_stop(sig);
 }
 void on_sigpipe(int) {}
+volatile sig_atomic_t g_resized = 0;
+void on_sigwinch(int) {
+    g_resized = 1;
+}
 
 // glibc's system() sets SIGINT to "ignore" for the whole process while a
 // command runs, and the plug-in's threads nearly always sit in system(). A
@@ -105,6 +112,8 @@ bool install_signals() {
     // tool processes; a handler is reset by exec. Writes then fail with EPIPE.
     sa.sa_handler = on_sigpipe;
     sigaction(SIGPIPE, &sa, nullptr);
+    sa.sa_handler = on_sigwinch;
+    sigaction(SIGWINCH, &sa, nullptr);
     return true;
 }
 
@@ -136,6 +145,7 @@ std::mutex g_log_lock;
 int g_print_level = 0;
 bool g_capturing = true;
 std::vector<LoggedMessage> g_captured;
+std::atomic<uint64_t> g_log_errors{0}, g_log_warnings{0};
 
 // Every message of the framework and of the plug-in (which adopts this
 // logger) comes here: warnings and errors are kept while the plug-in comes
@@ -161,6 +171,10 @@ void host_log(int level, const char *format, ...) {
         text = small;
     }
     va_end(again);
+    if (level <= VYR_LOG_LEVEL_ERROR)
+        ++g_log_errors;
+    else if (level == VYR_LOG_LEVEL_WARNING)
+        ++g_log_warnings;
     std::lock_guard<std::mutex> hold(g_log_lock);
     if (g_capturing && level <= VYR_LOG_LEVEL_WARNING && g_captured.size() < 10000)
         g_captured.push_back({level, text});
@@ -204,21 +218,41 @@ std::string executable_dir() {
     return slash == std::string::npos ? "." : p.substr(0, slash);
 }
 
-// The library built beside vyrhost, or installed beside it.
+std::string real_path(const std::string &path) {
+    char *real = realpath(path.c_str(), nullptr);
+    std::string out = real ? real : "";
+    free(real);
+    return out;
+}
+
+// The library built beside vyrhost when it runs from its build tree, else the
+// one installed in its own prefix; never a path outside the two, where
+// someone else could have put a library of that name.
 std::string default_library(std::string *tried) {
     std::string dir = executable_dir();
-    const char *relative[] = {VYRHOST_BUILD_LIBDIR_REL, VYRHOST_INSTALL_LIBDIR_REL};
-    for (const char *rel : relative) {
-        std::string path = dir + "/" + rel + "/" VYRHOST_LIBRARY_NAME;
-        if (access(path.c_str(), F_OK) == 0) {
-            char *real = realpath(path.c_str(), nullptr);
-            if (real) path = real;
-            free(real);
-            return path;
-        }
-        *tried += (tried->empty() ? "" : " and ") + path;
+    bool in_build_tree =
+        !real_path(VYRHOST_BUILD_DIR).empty() && real_path(dir) == real_path(VYRHOST_BUILD_DIR);
+    std::string path = dir + "/" +
+                       (in_build_tree ? VYRHOST_BUILD_LIBDIR_REL : VYRHOST_INSTALL_LIBDIR_REL) +
+                       "/" VYRHOST_LIBRARY_NAME;
+    if (access(path.c_str(), F_OK) == 0) {
+        std::string real = real_path(path);
+        return real.empty() ? path : real;
     }
+    *tried = path;
     return "";
+}
+
+// The network interfaces the device tool's report names, so that the
+// device's series join with the host's network metrics.
+std::vector<std::pair<std::string, std::string>> zdt_interfaces() {
+    FILE *report = popen("zdt status -v 2>/dev/null", "r");
+    if (!report) return {};
+    std::string text;
+    char chunk[4096];
+    for (size_t n; (n = fread(chunk, 1, sizeof chunk, report)) > 0;) text.append(chunk, n);
+    pclose(report);
+    return report_interfaces(text);
 }
 
 template <typename F>
@@ -236,6 +270,14 @@ bool guarded(const char *what, F &&call) {
 
 // ---------------------------------------------------------------- host
 
+size_t terminal_width(bool tty) {
+    struct winsize ws;
+    if (tty && ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+    const char *columns = getenv("COLUMNS");
+    if (columns && atoi(columns) > 0) return static_cast<size_t>(atoi(columns));
+    return 0;
+}
+
 struct Host {
     Options options;
     vyr_event_provider_t *provider = nullptr;
@@ -252,6 +294,11 @@ struct Host {
     size_t table_lines = 0;
     bool output_broken = false;
     bool output_failed = false;
+    Snapshot last_good;  // what /metrics shows while polls fail
+    double poll_duration = 0, last_success = 0;
+    std::vector<std::string> devices;
+    std::vector<std::pair<std::string, std::string>> interfaces;
+    std::string provider_name;
 
     // Drains write_events into one snapshot; false (with a message) when the
     // plug-in reported an error or wrote a block that does not decode.
@@ -314,6 +361,14 @@ struct Host {
         o.timestamps = options.timestamps;
         o.polls_total = polls;
         o.poll_errors_total = poll_errors;
+        o.devices = devices;
+        o.interfaces = interfaces;
+        o.version = VYRHOST_VERSION;
+        o.provider = provider_name;
+        o.poll_duration = poll_duration;
+        o.last_success = last_success;
+        o.log_errors = g_log_errors.load();
+        o.log_warnings = g_log_warnings.load();
         return o;
     }
 
@@ -332,12 +387,18 @@ struct Host {
         snapshot.poll = ++polls;
         snapshot.time = vyr_time_now_usec();
         std::vector<Event> in_order;
-        if (!drain(&snapshot, &in_order)) {
+        double began = monotonic_now();
+        bool ok = drain(&snapshot, &in_order);
+        poll_duration = monotonic_now() - began;
+        if (!ok) {
+            // The last good events stay; the error shows in vyrhost_poll_errors_total.
             ++poll_errors;
-            if (exporting) exporter.publish(render_exposition(Snapshot(), exposition_options()));
-            write_textfile(Snapshot());
+            if (exporting) exporter.publish(render_exposition(last_good, exposition_options()));
+            write_textfile(last_good);
             return true;
         }
+        last_success = vyr_time_now_usec() / 1e6;
+        if (exporting || !options.textfile.empty()) last_good = snapshot;
         if (exporting) exporter.publish(render_exposition(snapshot, exposition_options()));
         write_textfile(snapshot);
         if (!print) {
@@ -358,6 +419,10 @@ struct Host {
                 }
                 return true;
             case Format::kTable: {
+                if (g_resized && !options.width_given) {
+                    g_resized = 0;
+                    table.width = terminal_width(tty);
+                }
                 std::string text = render_table(snapshot, table);
                 if (tty && !options.no_refresh && table_lines > 0)
                     text = "\033[" + std::to_string(table_lines) + "A\033[J" + text;
@@ -367,7 +432,12 @@ struct Host {
                 break;
             }
             case Format::kInflux:
-                for (const Event &event : snapshot.events) write_out(render_influx_line(event, ""));
+                for (const Event &event : snapshot.events) {
+                    std::string nic;  // the interface tag, as tarvik_device_up has it
+                    for (const auto &known : interfaces)
+                        if (known.first == event.device) nic = known.second;
+                    write_out(render_influx_line(event, nic));
+                }
                 break;
             case Format::kPrometheus:
                 write_out("# vyrhost poll " + std::to_string(snapshot.poll) + " at " +
@@ -393,14 +463,6 @@ struct Host {
         }
     }
 };
-
-size_t terminal_width(bool tty) {
-    struct winsize ws;
-    if (tty && ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
-    const char *columns = getenv("COLUMNS");
-    if (columns && atoi(columns) > 0) return static_cast<size_t>(atoi(columns));
-    return 0;
-}
 
 int user_log_level(const Options &options) {
     if (options.log_level >= 0) return options.log_level;
@@ -441,6 +503,17 @@ int run(Host &host, void *library, const std::string &library_path) {
     settings.insert(settings.end(), options.sets.begin(), options.sets.end());
     std::map<std::string, std::string> merged;
     for (const auto &kv : settings) merged[kv.first] = kv.second;  // the last one wins
+    std::vector<std::string> discovered;
+    vyr::common::device_utils_get_zdt_hca_names(discovered, false);
+    SettingsCheck check = check_settings(
+        std::vector<std::pair<std::string, std::string>>(merged.begin(), merged.end()), discovered);
+    for (const std::string &note : check.notes) complain("note: " + note);
+    if (!check.error.empty()) {
+        complain(check.error);
+        return 2;
+    }
+    host.devices = check.devices;
+    host.interfaces = zdt_interfaces();
     vyr_dict_t *dict = vyr_dict_create();
     if (!dict) {
         complain("out of memory");
@@ -472,6 +545,7 @@ int run(Host &host, void *library, const std::string &library_path) {
         return 1;
     }
     host.provider = p;
+    host.provider_name = p->name ? p->name : "";
     host.ts = vyr_create_type_system();
     if (!host.ts) {
         complain("cannot create a type system");
@@ -493,6 +567,7 @@ int run(Host &host, void *library, const std::string &library_path) {
             status = 1;
             break;
         }
+        if (g_stop_signal) break;  // what failed then failed of the signal
         if (!ok) {
             complain("initialization failed: " + explain_initialize_failure(captured()));
             status = 1;
@@ -514,8 +589,10 @@ int run(Host &host, void *library, const std::string &library_path) {
             status = 1;
             break;
         }
-        for (const std::string &f : failures)
-            complain("note: " + f + "; that device will not be collected");
+        // After Ctrl-C the header runs die of the terminal's signal, not of a fault.
+        if (!g_stop_signal)
+            for (const std::string &f : failures)
+                complain("note: " + f + "; that device will not be collected");
 
         if (options.print_schema) {
             json_t *json = vyr_schema_jsonify(host.schema);
@@ -534,15 +611,16 @@ int run(Host &host, void *library, const std::string &library_path) {
             break;
         }
 
+        // One event must always fit, or write_events could never hand it over.
         uint64_t largest = vyr_type_system_get_max_event_type_size(host.ts);
-        if (options.buffer_size < largest + 16) {
-            complain("--buffer-size " + std::to_string(options.buffer_size) +
-                     " is too small: one event needs " + std::to_string(largest) +
-                     " bytes plus a 16-byte block header");
-            status = 2;
-            break;
+        uint64_t size = options.buffer_size;
+        if (size < largest + 16) {
+            size = largest + 16;
+            complain("note: --buffer-size " + std::to_string(options.buffer_size) +
+                     " is too small for the largest event (" + std::to_string(largest) +
+                     " bytes plus a 16-byte block header); using " + std::to_string(size));
         }
-        host.buffer.assign(options.buffer_size, 0);
+        host.buffer.assign(size, 0);
         stop_capturing();
 
         host.tty = isatty(STDOUT_FILENO) == 1;
@@ -554,8 +632,8 @@ int run(Host &host, void *library, const std::string &library_path) {
         if (!options.listen.empty()) {
             ListenAddress address;
             parse_listen(options.listen, &address);
-            std::string error =
-                host.exporter.start(address, render_exposition(Snapshot(), ExpositionOptions()));
+            std::string error = host.exporter.start(
+                address, render_exposition(Snapshot(), host.exposition_options()));
             if (!error.empty()) {
                 complain(error);
                 status = 1;

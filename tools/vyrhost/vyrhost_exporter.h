@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "vyrhost_options.h"
 
@@ -32,13 +34,27 @@ class Exporter {
 
     // Called on libmicrohttpd's thread.
     std::shared_ptr<const std::string> body() const;
+    void server_message(const std::string &text);
+
+    // Clients held at once: well below the descriptor limit.
+    static unsigned connection_limit();
+    static const unsigned kMaxConnections = 128;
+    static const unsigned kConnectionTimeout = 3;  // seconds without a byte
+    static const size_t kMaxShown = 8;             // distinct server messages shown
 
   private:
+    void accept_loop();
+
     mutable std::mutex lock_;
     std::shared_ptr<const std::string> body_;
     MHD_Daemon *daemon_ = nullptr;
     ListenAddress address_;
     uint16_t port_ = 0;
+    int listen_fd_ = -1;
+    int wake_[2] = {-1, -1};
+    std::thread acceptor_;
+    std::mutex log_lock_;
+    std::set<std::string> shown_;
 };
 
 }  // namespace vyrhost

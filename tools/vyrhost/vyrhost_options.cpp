@@ -2,11 +2,14 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 
 #include "vyrhost_textfile.h"
 
@@ -397,6 +400,55 @@ std::vector<std::string> header_failures(const std::vector<LoggedMessage> &log) 
             pending.clear();
         } else if (contains(t, "[tarvik_provider_initialize] Could not get header offset")) {
             out.push_back("a header file gave no value-line offset");
+        }
+    }
+    return out;
+}
+
+SettingsCheck check_settings(const std::vector<std::pair<std::string, std::string>> &settings,
+                             const std::vector<std::string> &discovered) {
+    SettingsCheck out;
+    const char *known[] = {"tarvik_devices", "tarvik_max_errors", "tarvik_phyprobe_as_service",
+                           "tarvik_update_interval_sec"};
+    const char *wanted = nullptr;
+    for (const auto &kv : settings) {
+        const std::string &key = kv.first, &value = kv.second;
+        if (std::find(std::begin(known), std::end(known), key) == std::end(known)) {
+            out.notes.push_back("unknown setting '" + key +
+                                "' is ignored (the plug-in reads tarvik_devices, "
+                                "tarvik_max_errors, tarvik_phyprobe_as_service and "
+                                "tarvik_update_interval_sec)");
+        } else if (key == "tarvik_update_interval_sec") {
+            // The plug-in reads it unsigned: "-5" would be a wait of 584 billion years.
+            bool digits = !value.empty() && value.size() <= 6 &&
+                          value.find_first_not_of("0123456789") == std::string::npos;
+            unsigned long seconds = digits ? strtoul(value.c_str(), nullptr, 10) : 0;
+            if (seconds < 1 || seconds > 86400)
+                out.error =
+                    "tarvik_update_interval_sec must be a whole number of seconds from 1 "
+                    "to 86400, not '" +
+                    value + "'";
+        } else if (key == "tarvik_devices") {
+            wanted = value.c_str();
+        }
+    }
+    if (!wanted) {
+        out.devices = discovered;
+        return out;
+    }
+    std::string text = wanted, piece;
+    std::istringstream in(text);
+    while (std::getline(in, piece, ',')) {
+        bool found = std::find(discovered.begin(), discovered.end(), piece) != discovered.end();
+        if (found) {
+            out.devices.push_back(piece);
+        } else if (piece.find_first_of(" \t") != std::string::npos) {
+            out.notes.push_back("tarvik_devices: '" + piece +
+                                "' has blanks in it; names are matched exactly, so it will not "
+                                "be collected");
+        } else {
+            out.notes.push_back("tarvik_devices: '" + piece +
+                                "' is not a device zdt lists; it will not be collected");
         }
     }
     return out;

@@ -55,6 +55,17 @@ std::string parse_listen(const std::string &text, ListenAddress *out);
 
 std::string usage_text();
 
+// The plug-in's settings, checked before it is constructed: `error` refuses
+// the run; `notes` are worth a line each; `devices` are those it will collect
+// (tarvik_devices, else every device `discovered`).
+struct SettingsCheck {
+    std::string error;
+    std::vector<std::string> notes;
+    std::vector<std::string> devices;
+};
+SettingsCheck check_settings(const std::vector<std::pair<std::string, std::string>> &settings,
+                             const std::vector<std::string> &discovered);
+
 // One message the framework logged while the provider was coming up.
 struct LoggedMessage {
     int level;

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cmath>
@@ -14,6 +15,7 @@
 #include "vyr_json.h"
 #include "vyr_schema_json.h"
 #include "vyr_serializer.h"
+#include "vyrhost_metrics.h"
 
 namespace vyrhost {
 
@@ -129,13 +131,6 @@ std::string printable(const std::string &text) {
         if (u < 0x20 || u >= 0x7F) c = '?';
     }
     return out;
-}
-
-std::string unique_name(const std::string &base, std::set<std::string> *used) {
-    std::string name = base;
-    for (unsigned n = 2; used->count(name); ++n) name = base + "_" + std::to_string(n);
-    used->insert(name);
-    return name;
 }
 
 // Prometheus names are snake_case by convention, and promtool holds to it.
@@ -299,8 +294,39 @@ std::string decode_blocks(const vyr_type_system_t *ts, const uint8_t *buffer, ui
 }
 
 std::string render_json_line(const Event &event, const std::string &source) {
-    json_t *fields = vyr_type_definition_jsonify_data(event.type, event.record.data());
+    // JSON has no inf or nan: such values go out as null, the event with them.
+    std::vector<uint8_t> record = event.record;
+    std::vector<std::pair<std::string, uint32_t>> nulls;  // field, element (~0u: not an array)
+    const vyr_type_definition_t *type = event.type;
+    for (int i = 0; type && i < type->num_fields; ++i) {
+        const vyr_type_field_definition_t *f = type->fields[i];
+        if (!f || !f->field_name || !is_float_field(f) || !field_fits(type, f)) continue;
+        uint32_t count = f->array_length ? f->array_length : 1;
+        for (uint32_t e = 0; e < count; ++e) {
+            uint8_t *p = record.data() + f->offset + static_cast<uint64_t>(e) * f->type_size;
+            bool finite;
+            if (field_builtin_id(f) == VYR_TYPE_FLOAT) {
+                float v;
+                memcpy(&v, p, sizeof v);
+                finite = std::isfinite(v);
+            } else {
+                double v;
+                memcpy(&v, p, sizeof v);
+                finite = std::isfinite(v);
+            }
+            if (finite) continue;
+            memset(p, 0, f->type_size);
+            nulls.push_back({f->field_name, f->array_length > 1 ? e : ~0u});
+        }
+    }
+    json_t *fields = vyr_type_definition_jsonify_data(type, record.data());
     if (!fields) return "";
+    for (const auto &n : nulls) {
+        if (n.second == ~0u)
+            json_object_set_new(fields, n.first.c_str(), json_null());
+        else
+            json_array_set_new(json_object_get(fields, n.first.c_str()), n.second, json_null());
+    }
     json_t *line = json_object();
     std::string source_key = json_object_get(fields, "source") ? "vyrhost_source" : "source";
     std::string time_key =
@@ -331,10 +357,27 @@ std::string clock_text(uint64_t usec) {
     return format("%s.%03u", buf, static_cast<unsigned>(usec % 1000000 / 1000));
 }
 
+namespace {
+
+// What people look at first: health, errors, error ratios, temperatures;
+// the rest after them in schema order. Fields the metrics leave out (the
+// device's name again, duplicates) are not offered.
+int column_rank(const vyr_type_field_definition_t *f) {
+    FieldMetric m = map_field(f->field_name, !field_is_text(f));
+    if (m.kind == MetricKind::kIgnore) return -1;
+    if (m.kind == MetricKind::kInfo) return m.name == "link_state" || m.name == "status" ? 0 : 5;
+    if (m.type == "counter") return 1;
+    if (m.name.find("_ber") != std::string::npos) return 2;
+    if (m.name.find("temperature") != std::string::npos) return 3;
+    return m.name == "tarvik_tool_timestamp_seconds" ? 6 : 4;
+}
+
+}  // namespace
+
 std::vector<std::string> default_table_columns(const vyr_schema_t *schema) {
-    std::vector<std::string> columns;
+    std::vector<std::pair<int, std::string>> columns;
     std::set<std::string> seen;
-    if (!schema) return columns;
+    if (!schema) return {};
     for (unsigned t = 0; t < schema->num_types; ++t) {
         const vyr_type_definition_t *type = schema->types[t];
         if (!type) continue;
@@ -342,11 +385,16 @@ std::vector<std::string> default_table_columns(const vyr_schema_t *schema) {
         for (int i = 0; i < type->num_fields; ++i) {
             const vyr_type_field_definition_t *f = type->fields[i];
             if (!f || !f->field_name || f == dev || is_timestamp_field(f)) continue;
-            if (strcmp(f->field_name, "event_name") == 0) continue;
-            if (seen.insert(f->field_name).second) columns.push_back(f->field_name);
+            int rank = column_rank(f);
+            if (rank >= 0 && seen.insert(f->field_name).second)
+                columns.push_back({rank, f->field_name});
         }
     }
-    return columns;
+    std::stable_sort(columns.begin(), columns.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::vector<std::string> names;
+    for (const auto &c : columns) names.push_back(c.second);
+    return names;
 }
 
 std::string render_table(const Snapshot &snapshot, const TableOptions &options) {
@@ -490,20 +538,48 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
     struct Family {
         std::string name, help, type;
         std::string samples;
+        std::set<std::string> series;  // label sets already written
     };
     std::vector<Family> families;
     std::map<std::string, size_t> index;
     auto family = [&](const std::string &name, const std::string &help,
-                      const char *type) -> Family & {
+                      const std::string &type) -> Family & {
         auto it = index.find(name);
         if (it != index.end()) return families[it->second];
         index[name] = families.size();
-        families.push_back({name, help, type, ""});
+        families.push_back({name, help, type, "", {}});
         return families.back();
     };
-    const std::string info_name = clean_name(options.prefix + "_info");
+    // A clash (two fields landing on one series) keeps the first sample.
+    auto sample = [&](Family &fam, const std::string &labels, const std::string &value,
+                      const std::string &stamp) {
+        if (!fam.series.insert(labels).second) return;
+        fam.samples +=
+            fam.name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + stamp + "\n";
+    };
+    std::map<std::string, std::string> interfaces(options.interfaces.begin(),
+                                                  options.interfaces.end());
+    auto device_labels = [&](const std::string &device) {
+        std::string labels = "device=\"" + prom_escape_label_value(device) + "\"";
+        auto it = interfaces.find(device);
+        if (it != interfaces.end() && !it->second.empty())
+            labels += ",interface=\"" + prom_escape_label_value(it->second) + "\"";
+        return labels;
+    };
+
+    std::set<std::string> delivering;
+    for (const Event &event : snapshot.events) delivering.insert(event.device);
+    std::set<std::string> devices(options.devices.begin(), options.devices.end());
+    devices.insert(delivering.begin(), delivering.end());
+    Family &up = family("tarvik_device_up",
+                        "1 while the device delivers fresh events, 0 when it is disabled or "
+                        "gives none.",
+                        "gauge");
+    for (const std::string &device : devices)
+        sample(up, device_labels(device), delivering.count(device) ? "1" : "0", "");
     if (!snapshot.events.empty())
-        family(info_name, "Text fields of the latest event of each device, as labels.", "gauge");
+        family("tarvik_info", "Slow-changing text of each device (versions, part numbers, state).",
+               "gauge");
 
     for (const Event &event : snapshot.events) {
         const vyr_type_definition_t *type = event.type;
@@ -511,52 +587,67 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
         const uint8_t *record = event.record.data();
         std::string stamp =
             options.timestamps ? " " + std::to_string(event.block_time / 1000) : std::string();
-        std::string device = "device=\"" + prom_escape_label_value(event.device) + "\"";
+        std::string device = device_labels(event.device);
         const vyr_type_field_definition_t *dev = device_field(type);
 
-        std::set<std::string> labels_used = {"device"};
-        std::string info_labels = device;
-        std::set<std::string> names_used = {info_name};
+        std::string info;
+        std::set<std::string> info_used;
         for (int i = 0; i < type->num_fields; ++i) {
             const vyr_type_field_definition_t *f = type->fields[i];
             if (!f || !f->field_name || f == dev || !field_fits(type, f)) continue;
-            if (field_is_text(f)) {
-                std::string label = unique_name(prom_label_name(f->field_name), &labels_used);
-                info_labels +=
-                    "," + label + "=\"" + prom_escape_label_value(field_text(f, record)) + "\"";
+            if (field_builtin_id(f) == VYR_TYPE_COMPOUND) continue;
+            bool text = field_is_text(f);
+            FieldMetric m = map_field(f->field_name, !text);
+            if (m.kind == MetricKind::kIgnore) continue;
+            if (m.kind == MetricKind::kInfo) {
+                if (!text || !info_used.insert(m.name).second) continue;
+                info +=
+                    "," + m.name + "=\"" + prom_escape_label_value(field_text(f, record)) + "\"";
                 continue;
             }
-            if (field_builtin_id(f) == VYR_TYPE_COMPOUND) continue;
-            std::string name =
-                unique_name(prom_metric_name(options.prefix, f->field_name), &names_used);
-            // The plug-in's CSV fields describe themselves by their own name.
-            std::string help =
-                f->description && *f->description && strcmp(f->description, f->field_name)
-                    ? f->description
-                    : std::string("Field ") + f->field_name +
-                          " of the latest event of each device.";
-            Family &fam = family(name, help, "gauge");
+            Family &fam = family(m.name, m.help, m.type);
+            std::string labels = device;
+            if (!m.label.empty()) labels += "," + m.label + "=\"" + m.label_value + "\"";
+            if (text) {
+                sample(fam, labels, double_text(text_number(field_text(f, record)) / m.divisor),
+                       stamp);
+                continue;
+            }
             uint32_t count = f->array_length ? f->array_length : 1;
             for (uint32_t e = 0; e < count; ++e) {
                 std::string value;
                 if (!field_number(f, record, e, &value)) continue;
-                std::string labels = device;
-                if (count > 1) labels += ",index=\"" + std::to_string(e) + "\"";
-                fam.samples += name + "{" + labels + "} " + value + stamp + "\n";
+                if (m.divisor != 1) value = double_text(strtod(value.c_str(), nullptr) / m.divisor);
+                sample(fam, count > 1 ? labels + ",index=\"" + std::to_string(e) + "\"" : labels,
+                       value, stamp);
             }
         }
-        families[index[info_name]].samples += info_name + "{" + info_labels + "} 1" + stamp + "\n";
+        sample(families[index["tarvik_info"]], device + info, "1", stamp);
     }
 
-    family("vyrhost_devices_ready",
-           "Devices whose latest event the provider handed over at the last poll.", "gauge")
-        .samples = "vyrhost_devices_ready " + std::to_string(snapshot.events.size()) + "\n";
-    family("vyrhost_polls_total", "Polls of the provider since vyrhost started.", "counter")
-        .samples = "vyrhost_polls_total " + std::to_string(options.polls_total) + "\n";
-    family("vyrhost_poll_errors_total",
-           "Polls whose events could not be taken over (write_events failed or a block was bad).",
-           "counter")
-        .samples = "vyrhost_poll_errors_total " + std::to_string(options.poll_errors_total) + "\n";
+    sample(family("vyrhost_build_info", "vyrhost's version and the plug-in it runs.", "gauge"),
+           "version=\"" + prom_escape_label_value(options.version) + "\",provider=\"" +
+               prom_escape_label_value(options.provider) + "\"",
+           "1", "");
+    sample(family("vyrhost_polls_total", "Polls of the provider since vyrhost started.", "counter"),
+           "", std::to_string(options.polls_total), "");
+    sample(
+        family("vyrhost_poll_errors_total",
+               "Polls whose events could not be taken over (the last good ones stay).", "counter"),
+        "", std::to_string(options.poll_errors_total), "");
+    sample(family("vyrhost_poll_duration_seconds", "How long the last poll took.", "gauge"), "",
+           double_text(options.poll_duration), "");
+    sample(family("vyrhost_last_poll_success_timestamp_seconds",
+                  "When the last good poll ended (Unix time; 0: none yet).", "gauge"),
+           "", double_text(options.last_success), "");
+    sample(family("vyrhost_devices_ready", "Devices that delivered fresh events at the last poll.",
+                  "gauge"),
+           "", std::to_string(snapshot.events.size()), "");
+    Family &logs =
+        family("vyrhost_log_messages_total",
+               "Error and warning lines the plug-in and the framework logged.", "counter");
+    sample(logs, "level=\"error\"", std::to_string(options.log_errors), "");
+    sample(logs, "level=\"warning\"", std::to_string(options.log_warnings), "");
 
     std::string out;
     for (const Family &fam : families) {

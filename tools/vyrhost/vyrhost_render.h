@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vyr_type_system.h"
@@ -65,8 +66,10 @@ struct TableOptions {
     size_t width = 0;                  // 0: no limit
     size_t max_cell = 24;              // longer cells are cut and end in '~'
 };
-// Every field of every type of the schema, first appearance first, without
-// the ones the table shows anyway (the index field, timestamps, "event_name").
+// The fields of every type of the schema: health (link state, status) first,
+// then error counters, error ratios, temperatures, the rest in schema order;
+// without the ones the table shows anyway (the index field, timestamps) and
+// the ones the metrics leave out (event_name, Device, a repeated Status).
 std::vector<std::string> default_table_columns(const vyr_schema_t *schema);
 // The poll's title line, then a header row and one row per event.
 std::string render_table(const Snapshot &snapshot, const TableOptions &options);
@@ -86,14 +89,21 @@ std::string prom_escape_label_value(const std::string &value);
 std::string prom_escape_help(const std::string &text);
 
 struct ExpositionOptions {
-    std::string prefix = "tarvik";
-    bool timestamps = false;  // the block's time (milliseconds) on every sample
+    bool timestamps = false;  // the block's time (milliseconds) on every device sample
+    // Every configured device has a tarvik_device_up series, delivering or not.
+    std::vector<std::string> devices;
+    std::vector<std::pair<std::string, std::string>> interfaces;  // device -> "eth0,eth1"
+    std::string version, provider;                                // vyrhost_build_info
     uint64_t polls_total = 0;
     uint64_t poll_errors_total = 0;
+    double poll_duration = 0;  // seconds, the last poll
+    double last_success = 0;   // Unix time of the last good poll; 0: none yet
+    uint64_t log_errors = 0, log_warnings = 0;
 };
-// Each numeric field a gauge <prefix>_<field>{device="..."}; the text fields
-// of each device as labels of one <prefix>_info series; vyrhost's own
-// counters last. One HELP and TYPE per family, families in first-seen order.
+// The fields of each event as the metric table says (vyrhost_metrics.h), a
+// tarvik_info series of slow-changing text, tarvik_device_up per device,
+// then vyrhost's own families. One HELP and TYPE per family, families in
+// first-seen order, each series once.
 std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions &options);
 
 // Local time "HH:MM:SS.mmm" of a microsecond wall-clock time.
