@@ -36,7 +36,6 @@ std::string write_file_atomically(const std::string &path, const std::string &te
     size_t done = 0;
     while (error.empty() && done < text.size()) {
         ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
         if (n <= 0)
             error = std::string("cannot write ") + temp.data() + ": " + strerror(errno);
         else
