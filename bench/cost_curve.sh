@@ -19,6 +19,8 @@ trap 'rm -rf "$DATA"' EXIT
 awk -v curves="$DATA" -f "$ROOT/bench/ratios.awk" "$BUILD/bench.json" >/dev/null
 
 mkdir -p "$DOCS"
+# The /metrics rendering section is written by hand from vyrhost_render_bench; keep it.
+KEEP=$(sed -n '/^## Rendering \/metrics/,$p' "$DOCS/performance.md" 2>/dev/null || true)
 TERM_LINE="set terminal pngcairo size 860,520 font 'sans,11'"
 gnuplot -e "set terminal pngcairo" >/dev/null 2>&1 || TERM_LINE="set terminal png size 860,520"
 
@@ -134,5 +136,6 @@ MD
   write_events (draining and resuming), and none over 10,000 passes with a
   drain each over 64 devices, with the heap in use unchanged.
 MD
+    [ -z "$KEEP" ] || printf '\n%s\n' "$KEEP"
 } > "$DOCS/performance.md"
 echo "wrote $DOCS/performance.md and its PNGs"

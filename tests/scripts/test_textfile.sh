@@ -32,7 +32,7 @@ until curl -sf http://127.0.0.1:9100/metrics >metrics.txt &&
     sleep 0.2
 done
 for d in arx0 arx1 tdg0; do
-    for family in tarvik_device_up tarvik_info tarvik_raw_errors_total tarvik_fec_histogram_bin_total; do
+    for family in tarvik_device_up tarvik_info tarvik_raw_errors_total tarvik_fec_hist_bin_total; do
         grep -q "^$family{.*device=\"$d\"" metrics.txt || fail "no $family of $d in node_exporter's /metrics"
     done
 done

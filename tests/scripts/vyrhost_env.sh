@@ -17,12 +17,8 @@ expect_contains() { # expect_contains FILE TEXT WHAT
     grep -qF -- "$2" "$1" || fail "$3: [$2] not in $1: $(head -c 2000 "$1")"
 }
 finish() {
-    if [ "$failures" -ne 0 ]; then
-        echo "$failures check(s) failed" >&2
-        exit 1
-    fi
-    echo "ok"
-    exit 0
+    [ "$failures" -eq 0 ] || { echo "$failures check(s) failed" >&2 && exit 1; }
+    echo "ok" && exit 0
 }
 
 # Refuses to run outside the namespace: the tests make /dev/zdt entries and
@@ -45,16 +41,6 @@ setup_three_devices() {
     done
 }
 
-# A fourth adapter whose text values hold a double quote and backslashes.
-add_quoting_device() {
-    export ZDT_SIM_DEVICES="$ZDT_SIM_DEVICES;qt0,arcline,eth3"
-    export PHYPROBE_SIM_HEADER_LINE__qt0='Device,Note,Path,Lane_Count'
-    export PHYPROBE_SIM_VALUE_LINE__qt0='{dev},say "hi",C:\temp\{run},4'
-    mknod /dev/zdt/qt0 c 1 3
-    mkdir -p /sys/class/net/eth3
-    echo 1 >/sys/class/net/eth3/type
-}
-
 # The collector settings every run uses: collect every 2 seconds.
 ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
 SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
@@ -62,11 +48,9 @@ SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
 # Waits (up to $2 seconds) until file $1 has at least $3 lines.
 wait_lines() {
     local deadline=$((SECONDS + $2))
-    while [ "$SECONDS" -lt "$deadline" ]; do
-        [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ] && return 0
-        sleep 0.2
+    until [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ]; do
+        [ "$SECONDS" -lt "$deadline" ] && sleep 0.2 || return 1
     done
-    return 1
 }
 
 # Waits (up to $2 seconds) for background process $1 to end, killing it if it
@@ -77,14 +61,23 @@ wait_exit() {
     EXIT_STATUS=hung
     while [ "$SECONDS" -lt "$deadline" ]; do
         case "$(ps -o stat= -p "$pid" 2>/dev/null)" in
-        "" | Z*)
-            wait "$pid"
-            EXIT_STATUS=$?
-            return
-            ;;
+        "" | Z*) wait "$pid" && EXIT_STATUS=0 || EXIT_STATUS=$? && return ;;
         esac
         sleep 0.1
     done
     kill -9 "$pid" 2>/dev/null
     wait "$pid" 2>/dev/null
+}
+
+# Starts vyrhost --listen 127.0.0.1:0 ARGS... in the background; sets VPID and
+# URL (its /metrics) once it serves, stderr in vyrhost.err.
+start_exporter() {
+    "$VYRHOST" --listen 127.0.0.1:0 "$@" >vyrhost.out 2>vyrhost.err &
+    VPID=$!
+    local _
+    for _ in $(seq 100); do
+        URL=$(sed -n 's/^vyrhost: serving Prometheus metrics at \(http:[^ ]*\)$/\1/p' vyrhost.err)
+        [ -n "$URL" ] && return 0 || sleep 0.1
+    done
+    fail "vyrhost did not start serving: $(cat vyrhost.err)" && return 1
 }

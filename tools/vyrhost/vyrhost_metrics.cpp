@@ -29,7 +29,7 @@ const std::vector<MetricRule> kRules = {
     {"Symbol_Errors", S, "tarvik_symbol_errors_total", "counter", 1, "",
      "Symbols error correction could not repair."},
     {"Symbol_BER", S, "tarvik_symbol_ber", "gauge", 1, "", "Symbol error ratio."},
-    {"hist_bin_#", S, "tarvik_fec_histogram_bin_total", "counter", 1, "bin",
+    {"hist_bin_#", S, "tarvik_fec_hist_bin_total", "counter", 1, "bin",
      "Code words with as many corrected symbols as the bin number."},
     {"Temperature", S, "tarvik_temperature_celsius", "gauge", 1, "", "Adapter temperature."},
     {"temperature", S, "tarvik_temperature_celsius", "gauge", 1, "", "Adapter temperature."},
@@ -86,6 +86,7 @@ FieldMetric map_field(const std::string &field, bool numeric) {
                      : field != p)
             continue;
         m.kind = r.kind;
+        m.known = true;
         m.name = r.name;
         m.type = r.type;
         m.divisor = r.divisor;

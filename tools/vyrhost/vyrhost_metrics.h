@@ -31,6 +31,7 @@ const std::vector<MetricRule> &metric_rules();
 // numbers (a text field is read as a number only when a rule says it is one).
 struct FieldMetric {
     MetricKind kind = MetricKind::kIgnore;
+    bool known = false;  // a rule of the table matched
     std::string name;
     std::string type = "gauge";
     double divisor = 1;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <unordered_set>
 
 #include "vyr_json.h"
 #include "vyr_schema_json.h"
@@ -364,7 +365,7 @@ namespace {
 // device's name again, duplicates) are not offered.
 int column_rank(const vyr_type_field_definition_t *f) {
     FieldMetric m = map_field(f->field_name, !field_is_text(f));
-    if (m.kind == MetricKind::kIgnore) return -1;
+    if (m.kind == MetricKind::kIgnore) return m.known ? -1 : 5;
     if (m.kind == MetricKind::kInfo) return m.name == "link_state" || m.name == "status" ? 0 : 5;
     if (m.type == "counter") return 1;
     if (m.name.find("_ber") != std::string::npos) return 2;
@@ -498,14 +499,6 @@ std::string prom_metric_name(const std::string &prefix, const std::string &field
     return name;
 }
 
-std::string prom_label_name(const std::string &field) {
-    std::string name = clean_name(lower(field));
-    if (name.empty() || (name[0] >= '0' && name[0] <= '9') || name.compare(0, 2, "__") == 0)
-        name = "field_" + name;
-    if (name == "le" || name == "quantile") name += "_";  // reserved by histograms and summaries
-    return name;
-}
-
 std::string prom_escape_label_value(const std::string &value) {
     std::string out;
     for (char c : valid_utf8(value)) {
@@ -538,7 +531,7 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
     struct Family {
         std::string name, help, type;
         std::string samples;
-        std::set<std::string> series;  // label sets already written
+        std::unordered_set<std::string> series;  // label sets already written
     };
     std::vector<Family> families;
     std::map<std::string, size_t> index;
@@ -581,6 +574,8 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
         family("tarvik_info", "Slow-changing text of each device (versions, part numbers, state).",
                "gauge");
 
+    std::map<const vyr_type_definition_t *, std::vector<FieldMetric>> by_type;
+    std::map<const vyr_type_definition_t *, std::vector<size_t>> slots;
     for (const Event &event : snapshot.events) {
         const vyr_type_definition_t *type = event.type;
         if (!type) continue;
@@ -590,6 +585,15 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
         std::string device = device_labels(event.device);
         const vyr_type_field_definition_t *dev = device_field(type);
 
+        // Devices of one type share the mapping of its fields.
+        std::vector<FieldMetric> &mapped = by_type[type];
+        slots[type].resize(type->num_fields);
+        if (mapped.empty())
+            for (int i = 0; i < type->num_fields; ++i)
+                mapped.push_back(
+                    type->fields[i] && type->fields[i]->field_name
+                        ? map_field(type->fields[i]->field_name, !field_is_text(type->fields[i]))
+                        : FieldMetric());
         std::string info;
         std::set<std::string> info_used;
         for (int i = 0; i < type->num_fields; ++i) {
@@ -597,7 +601,7 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
             if (!f || !f->field_name || f == dev || !field_fits(type, f)) continue;
             if (field_builtin_id(f) == VYR_TYPE_COMPOUND) continue;
             bool text = field_is_text(f);
-            FieldMetric m = map_field(f->field_name, !text);
+            const FieldMetric &m = mapped[i];
             if (m.kind == MetricKind::kIgnore) continue;
             if (m.kind == MetricKind::kInfo) {
                 if (!text || !info_used.insert(m.name).second) continue;
@@ -605,7 +609,12 @@ std::string render_exposition(const Snapshot &snapshot, const ExpositionOptions 
                     "," + m.name + "=\"" + prom_escape_label_value(field_text(f, record)) + "\"";
                 continue;
             }
-            Family &fam = family(m.name, m.help, m.type);
+            size_t &slot = slots[type][i];  // the family's index + 1, found once per type
+            if (!slot) {
+                family(m.name, m.help, m.type);
+                slot = index[m.name] + 1;
+            }
+            Family &fam = families[slot - 1];
             std::string labels = device;
             if (!m.label.empty()) labels += "," + m.label + "=\"" + m.label_value + "\"";
             if (text) {

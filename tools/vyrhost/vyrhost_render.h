@@ -79,10 +79,6 @@ std::string render_table(const Snapshot &snapshot, const TableOptions &options);
 // byte outside [a-z0-9_] turned into '_'; "_value" is added to a name that
 // would end in _count, _sum, _bucket, _total or _created.
 std::string prom_metric_name(const std::string &prefix, const std::string &field);
-// A label name: the same lower case and cleaning; a leading digit, a leading
-// "__" (reserved) or an empty name get "field_" in front; "le" and
-// "quantile" get "_" behind.
-std::string prom_label_name(const std::string &field);
 // Backslash, double quote and line feed escaped; invalid UTF-8 becomes U+FFFD.
 std::string prom_escape_label_value(const std::string &value);
 // Backslash and line feed escaped; invalid UTF-8 becomes U+FFFD.
