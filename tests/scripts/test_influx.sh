@@ -12,7 +12,13 @@ BUILD=${2:?usage: test_influx.sh REPO BUILD}
 source "$REPO/tests/scripts/vyrhost_env.sh"
 cd /tmp
 setup_three_devices
-add_quoting_device
+# A fourth adapter whose text values hold a double quote and backslashes.
+export ZDT_SIM_DEVICES="$ZDT_SIM_DEVICES;qt0,arcline,eth3"
+export PHYPROBE_SIM_HEADER_LINE__qt0='Device,Note,Path,Lane_Count'
+export PHYPROBE_SIM_VALUE_LINE__qt0='{dev},say "hi",C:\temp\{run},4'
+mknod /dev/zdt/qt0 c 1 3
+mkdir -p /sys/class/net/eth3
+echo 1 >/sys/class/net/eth3/type
 
 "$VYRHOST" "${ONESHOT[@]}" --poll 1 --count 8 --format influx --log-level 6 >lines.txt 2>err.txt
 expect_eq 0 $? "vyrhost's exit status"
