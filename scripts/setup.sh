@@ -10,6 +10,8 @@ PACKAGES=(
   clang libclang-rt-14-dev clang-format
   util-linux coreutils procps python3
   libmicrohttpd-dev prometheus curl
+  prometheus-node-exporter iproute2
+  debhelper dpkg-dev fakeroot lintian help2man systemd
 )
 # Optional extras are named on the command line and installed only then, e.g.
 # `bash scripts/setup.sh gnuplot-nox` for bench/cost_curve.sh's PNGs (not CI).

@@ -352,7 +352,7 @@ TEST(VyrhostOptions, BadCommandLinesAreRefusedInPlainWords) {
         {{"--set", "=5"},
          "bad --set '=5': expected KEY=VALUE, for example --set tarvik_update_interval_sec=5"},
         {{"--poll", "0"}, "--poll '0': expected a number of seconds above 0, such as 2 or 0.5"},
-        {{"--format", "xml"}, "--format 'xml': expected json, table or prometheus"},
+        {{"--format", "xml"}, "--format 'xml': expected json, table, prometheus or influx"},
         {{"--listen", "::1:80"},
          "--listen '::1:80': write an IPv6 address in brackets, [::1]:PORT"},
         {{"extra"}, "unexpected argument 'extra' (see vyrhost --help)"},

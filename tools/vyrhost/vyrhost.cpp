@@ -33,8 +33,10 @@
 #include "vyr_schema_json.h"
 #include "vyrhost_exporter.h"
 #include "vyrhost_metrics.h"
+#include "vyrhost_influx.h"
 #include "vyrhost_options.h"
 #include "vyrhost_render.h"
+#include "vyrhost_textfile.h"
 
 using namespace vyrhost;
 
@@ -149,6 +151,9 @@ std::atomic<uint64_t> g_log_errors{0}, g_log_warnings{0};
 // logger) comes here: warnings and errors are kept while the plug-in comes
 // up, so a failure can be explained, and lines up to --log-level are written
 // in the framework's own line format.
+// --format influx: stderr lines in the form Telegraf's inputs.execd reads.
+bool g_influx = false;
+
 void host_log(int level, const char *format, ...) {
     char small[1024];
     va_list args;
@@ -174,9 +179,13 @@ void host_log(int level, const char *format, ...) {
     if (g_capturing && level <= VYR_LOG_LEVEL_WARNING && g_captured.size() < 10000)
         g_captured.push_back({level, text});
     if (static_cast<unsigned>(g_print_level) >= static_cast<unsigned>(level)) {
-        vyr_dump_timestamp_logger(stderr);
-        fputs(vyr_priority_level_string_logger(level), stderr);
-        fputs(text.c_str(), stderr);
+        if (g_influx) {
+            fputs(influx_diagnostic(level, text).c_str(), stderr);
+        } else {
+            vyr_dump_timestamp_logger(stderr);
+            fputs(vyr_priority_level_string_logger(level), stderr);
+            fputs(text.c_str(), stderr);
+        }
         fputc('\n', stderr);
         fflush(stderr);
     }
@@ -194,7 +203,7 @@ void stop_capturing() {
 }
 
 void complain(const std::string &text) {
-    fprintf(stderr, "vyrhost: %s\n", text.c_str());
+    fprintf(stderr, "%svyrhost: %s\n", g_influx ? "E! " : "", text.c_str());
 }
 
 // ---------------------------------------------------------------- library
@@ -363,6 +372,15 @@ struct Host {
         return o;
     }
 
+    // node_exporter refuses files with sample timestamps.
+    void write_textfile(const Snapshot &snapshot) {
+        if (options.textfile.empty()) return;
+        ExpositionOptions o = exposition_options();
+        o.timestamps = false;
+        std::string error = write_file_atomically(options.textfile, render_exposition(snapshot, o));
+        if (!error.empty()) complain(error);
+    }
+
     // One poll: drain, then print and publish. False when --count is reached.
     bool poll_once() {
         Snapshot snapshot;
@@ -376,13 +394,13 @@ struct Host {
             // The last good events stay; the error shows in vyrhost_poll_errors_total.
             ++poll_errors;
             if (exporting) exporter.publish(render_exposition(last_good, exposition_options()));
+            write_textfile(last_good);
             return true;
         }
         last_success = vyr_time_now_usec() / 1e6;
-        if (exporting) {
-            last_good = snapshot;
-            exporter.publish(render_exposition(snapshot, exposition_options()));
-        }
+        if (exporting || !options.textfile.empty()) last_good = snapshot;
+        if (exporting) exporter.publish(render_exposition(snapshot, exposition_options()));
+        write_textfile(snapshot);
         if (!print) {
             events += snapshot.events.size();
             return !(options.count && events >= options.count);
@@ -413,6 +431,14 @@ struct Host {
                 write_out(text);
                 break;
             }
+            case Format::kInflux:
+                for (const Event &event : snapshot.events) {
+                    std::string nic;  // the interface tag, as tarvik_device_up has it
+                    for (const auto &known : interfaces)
+                        if (known.first == event.device) nic = known.second;
+                    write_out(render_influx_line(event, nic));
+                }
+                break;
             case Format::kPrometheus:
                 write_out("# vyrhost poll " + std::to_string(snapshot.poll) + " at " +
                           clock_text(snapshot.time) + "\n" +
@@ -601,7 +627,7 @@ int run(Host &host, void *library, const std::string &library_path) {
         host.table.columns =
             options.columns_given ? options.columns : default_table_columns(host.schema);
         host.table.width = options.width_given ? options.width : terminal_width(host.tty);
-        host.print = options.listen.empty() || options.format_given;
+        host.print = (options.listen.empty() && options.textfile.empty()) || options.format_given;
 
         if (!options.listen.empty()) {
             ListenAddress address;
@@ -654,6 +680,7 @@ int run(Host &host, void *library, const std::string &library_path) {
 int main(int argc, char **argv) {
     Host host;
     std::string error = parse_options(argc, argv, &host.options);
+    g_influx = host.options.format == Format::kInflux;
     if (!error.empty()) {
         complain(error);
         return 2;

@@ -11,6 +11,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "vyrhost_textfile.h"
+
 namespace vyrhost {
 
 namespace {
@@ -210,8 +212,10 @@ std::string parse_options(int argc, char **argv, Options *options) {
                 o.format = Format::kTable;
             } else if (v == "prometheus") {
                 o.format = Format::kPrometheus;
+            } else if (v == "influx") {
+                o.format = Format::kInflux;
             } else {
-                err = "--format '" + v + "': expected json, table or prometheus";
+                err = "--format '" + v + "': expected json, table, prometheus or influx";
             }
         } else if (name == "--columns") {
             err = take(&v);
@@ -231,6 +235,9 @@ std::string parse_options(int argc, char **argv, Options *options) {
             ListenAddress unused;
             err = take(&o.listen);
             if (err.empty()) err = parse_listen(o.listen, &unused);
+        } else if (name == "--textfile") {
+            err = take(&o.textfile);
+            if (err.empty()) err = check_textfile_path(o.textfile);
         } else if (name == "--timestamps") {
             err = flag();
             o.timestamps = true;
@@ -292,7 +299,9 @@ Polling:
 Output:
   --format FORMAT        json (default): one object per event and line;
                          table: one row per device, redrawn every poll;
-                         prometheus: text exposition, one per poll
+                         prometheus: text exposition, one per poll;
+                         influx: InfluxDB line protocol, one line per event
+                         (diagnostics then start with E!, W!, I! or D!)
   --columns A,B,...      table: the fields to show (default: health, errors,
                          error ratios, temperatures first, as many as fit)
   --width N              table: cut rows to N characters (default: the
@@ -301,6 +310,10 @@ Output:
   --listen [ADDR:]PORT   serve GET /metrics in the Prometheus text format;
                          ADDR defaults to 127.0.0.1 (loopback only); with
                          --listen nothing is printed unless --format is given
+  --textfile PATH        write each poll's exposition to PATH (ending in
+                         .prom), replaced whole, for node_exporter's
+                         --collector.textfile.directory; with --textfile
+                         nothing is printed unless --format is given
   --timestamps           prometheus: stamp samples with the block's time
   --print-schema         print the plug-in's schema as pretty JSON (its
                          identifier goes to standard error) and exit

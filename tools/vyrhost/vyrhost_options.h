@@ -9,7 +9,7 @@
 
 namespace vyrhost {
 
-enum class Format { kJson, kTable, kPrometheus };
+enum class Format { kJson, kTable, kPrometheus, kInflux };
 
 struct Options {
     std::string library;  // empty: the library built or installed beside vyrhost
@@ -27,6 +27,7 @@ struct Options {
     bool width_given = false;
     bool no_refresh = false;
     std::string listen;
+    std::string textfile;  // --textfile: the exposition of every poll
     bool timestamps = false;
     bool print_schema = false;
     int log_level = -1;  // -1: VYR_API_LOG_LEVEL, else 0

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# test_package.sh REPO BUILD
+#
+# scripts/package.sh builds the Debian packages (lintian finds no error, or
+# the script fails); the runtime package holds vyrhost, the library under its
+# soname, the unit, the compressed man page, the copyright file and the
+# conffiles; the copyright file carries LICENSE; systemd accepts the unit.
+# Skipped (77) without dpkg-buildpackage, lintian or help2man.
+set -u
+REPO=${1:?usage: test_package.sh REPO BUILD}
+BUILD=${2:?usage: test_package.sh REPO BUILD}
+for tool in dpkg-buildpackage lintian help2man systemd-analyze; do
+    command -v "$tool" >/dev/null || { echo "SKIP: $tool is not installed (scripts/setup.sh)"; exit 77; }
+done
+# The packages are built with their own flags: once per suite run is enough.
+grep -q '^VYR_SANITIZE:STRING=.' "$BUILD/CMakeCache.txt" 2>/dev/null &&
+    { echo "SKIP: a sanitizer build; the normal build's run checks the packages"; exit 77; }
+failures=0
+fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
+expect_eq() { [ "$1" = "$2" ] || fail "$3: got [$2], expected [$1]"; }
+finish() { [ "$failures" -eq 0 ] && echo ok && exit 0; echo "$failures check(s) failed" >&2; exit 1; }
+OUT=$BUILD/package-test
+bash "$REPO/scripts/package.sh" "$OUT" >"$BUILD/package-test.log" 2>&1 ||
+    { fail "package.sh: $(tail -20 "$BUILD/package-test.log")"; finish; }
+deb=$(ls "$OUT"/vyrhost_*_*.deb)
+dpkg-deb -c "$deb" | awk '{print $6 ($7 ? " " $7 " " $8 : "")}' >"$OUT/contents"
+for want in ./usr/bin/vyrhost ./lib/systemd/system/vyrhost.service \
+    ./usr/share/man/man1/vyrhost.1.gz ./usr/share/doc/vyrhost/copyright \
+    ./etc/vyrhost/vyrhost.conf ./etc/default/vyrhost; do
+    grep -qx -- "$want" "$OUT/contents" || fail "$want not in $deb"
+done
+grep -qE '^\./usr/lib/[^/]+/libtarvik_provider\.so\.1 -> libtarvik_provider\.so\.1\.0\.0$' "$OUT/contents" ||
+    fail "no soname link in $deb: $(grep libtarvik "$OUT/contents")"
+grep -q 'libtarvik_provider\.so$' "$OUT/contents" && fail "the runtime package holds the development link"
+dpkg-deb -c "$OUT"/libtarvik-provider-dev_*.deb | grep -q 'usr/include/vyr/vyr_event_provider.h' ||
+    fail "the -dev package has no headers"
+expect_eq "/etc/default/vyrhost
+/etc/vyrhost/vyrhost.conf" "$(dpkg-deb -I "$deb" conffiles)" conffiles
+
+root=$OUT/root
+dpkg-deb -x "$deb" "$root"
+expect_eq libtarvik_provider.so.1 \
+    "$(objdump -p "$root"/usr/lib/*/libtarvik_provider.so.1 | awk '/SONAME/ {print $2}')" soname
+# Every line of the license text, re-indented, is in the copyright file.
+sed -n '/^Permission/,$p' "$REPO/LICENSE" | sed 's/^$/./; s/^/ /' >"$OUT/license"
+[ "$(grep -cxF -f "$OUT/license" "$root/usr/share/doc/vyrhost/copyright")" = "$(wc -l <"$OUT/license")" ] ||
+    fail "the copyright file does not carry LICENSE"
+grep -q 'Copyright: .*The libtarvik_provider authors' "$root/usr/share/doc/vyrhost/copyright" || fail "copyright holder"
+zcat "$root/usr/share/man/man1/vyrhost.1.gz" | grep -q -- 'textfile' || fail "the man page lacks --textfile"
+# The conffile's keys are all commented out: the plug-in's defaults apply.
+grep -v '^#' "$root/etc/vyrhost/vyrhost.conf" | grep -q . && fail "a key is set in vyrhost.conf"
+cmp -s "$REPO/deploy/systemd/vyrhost.service" "$root/lib/systemd/system/vyrhost.service" ||
+    fail "the packaged unit differs from deploy/systemd/vyrhost.service"
+
+# systemd checks the unit; ExecStart must name an existing program, so it
+# points at the unpacked one.
+mkdir -p "$OUT/unit"
+sed "s|/usr/bin/vyrhost|$root/usr/bin/vyrhost|" "$root/lib/systemd/system/vyrhost.service" \
+    >"$OUT/unit/vyrhost.service"
+verify=$(systemd-analyze verify --man=no "$OUT/unit/vyrhost.service" 2>&1)
+expect_eq "0 " "$? $verify" "systemd-analyze verify"
+finish

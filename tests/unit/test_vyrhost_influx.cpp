@@ -1,0 +1,120 @@
+// InfluxDB line protocol of vyrhost --format influx.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "vyr_type_system.h"
+#include "vyrhost_influx.h"
+
+namespace {
+
+using namespace vyrhost;
+
+// One type with every kind of field the protocol spells differently.
+struct Fixture {
+    vyr_type_system_t *ts = vyr_create_type_system();
+    const vyr_type_definition_t *type = nullptr;
+    std::vector<uint8_t> record;
+
+    Fixture() {
+        uint8_t si = 0, ti = 0;
+        vyr_schema_t *schema = vyr_type_system_add_schema(ts, "tarvik", 1, &si);
+        const auto A = VYR_VALUE_ABSOLUTE;
+        const vyr_type_field_info_t fields[] = {
+            {"timestamp", "", "timestamp", A, 1}, {"Note", "", "char", A, 32},
+            {"a b,c=d", "", "uint64_t", A, 1},    {"neg", "", "int32_t", A, 1},
+            {"ber", "", "double", A, 1},          {"nan", "", "double", A, 1},
+            {"big", "", "uint64_t", A, 1},        {"lane", "", "uint32_t", A, 2},
+            {"empty", "", "char", A, 8},
+        };
+        EXPECT_EQ(0, vyr_schema_add_type(schema, "tarvik_event_0", fields, 9, &ti));
+        type = schema->types[ti];
+        record.assign(type->size, 0);
+        uint64_t stamp = 1700000000123456, count = 42, big = UINT64_MAX;
+        int32_t neg = -7;
+        double ber = 2.5e-10, nan = std::nan("");
+        uint32_t lanes[2] = {3, 4};
+        put("timestamp", &stamp, 8);
+        put("Note", "say \"hi\" C:\\tmp\\", 16);
+        put("a b,c=d", &count, 8);
+        put("neg", &neg, 4);
+        put("ber", &ber, 8);
+        put("nan", &nan, 8);
+        put("big", &big, 8);
+        put("lane", lanes, 8);
+    }
+    ~Fixture() { vyr_destroy_type_system(ts); }
+    void put(const char *name, const void *bytes, size_t n) {
+        const vyr_type_field_definition_t *f = find_field(type, name);
+        ASSERT_NE(nullptr, f) << name;
+        memcpy(record.data() + f->offset, bytes, n);
+    }
+    Event event(const std::string &device) {
+        Event e;
+        e.device = device;
+        e.type = type;
+        e.record = record;
+        e.block_time = 1;
+        return e;
+    }
+};
+
+TEST(VyrhostInflux, OneLineWithEveryFieldKind) {
+    Fixture f;
+    EXPECT_EQ(
+        "tarvik,device=arx\\ 0,interface=eth0\\,eth1 timestamp=1700000000123456i,"
+        "Note=\"say \\\"hi\\\" C:\\\\tmp\\\\\",a\\ b\\,c\\=d=42i,neg=-7i,ber=2.5e-10,lane_0=3i,"
+        "lane_1=4i,empty=\"\" 1700000000123456000\n",
+        render_influx_line(f.event("arx 0"), "eth0,eth1"));
+}
+
+TEST(VyrhostInflux, TagsLeftOutWhenEmptyAndTimeFromTheBlockWithoutATimestampField) {
+    Fixture f;
+    std::string line = render_influx_line(f.event(""), "");
+    EXPECT_EQ(0u, line.find("tarvik timestamp=")) << line;
+    // A "timestamp" that is not of the timestamp type is an ordinary field.
+    vyr_type_system_t *ts = vyr_create_type_system();
+    uint8_t si = 0, ti = 0;
+    vyr_schema_t *schema = vyr_type_system_add_schema(ts, "s", 1, &si);
+    const vyr_type_field_info_t fields[] = {{"timestamp", "", "uint64_t", VYR_VALUE_ABSOLUTE, 1}};
+    ASSERT_EQ(0, vyr_schema_add_type(schema, "t", fields, 1, &ti));
+    Event e;
+    e.device = "d";
+    e.type = schema->types[ti];
+    e.record.assign(e.type->size, 0);
+    e.block_time = 5;
+    EXPECT_EQ("tarvik,device=d timestamp=0i 5000\n", render_influx_line(e, ""));
+    e.type = nullptr;
+    EXPECT_EQ("", render_influx_line(e, ""));
+    vyr_destroy_type_system(ts);
+}
+
+TEST(VyrhostInflux, Escaping) {
+    const struct {
+        const char *in, *key, *quoted;
+    } cases[] = {
+        {"plain", "plain", "\"plain\""},
+        {"a,b c=d", "a\\,b\\ c\\=d", "\"a,b c=d\""},
+        {"q\"\\", "q\"\\", "\"q\\\"\\\\\""},
+        {"l\nr\r", "l\\ r\\ ", "\"l r \""},
+        {"", "", "\"\""},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.key, influx_escape_key(c.in)) << c.in;
+        EXPECT_EQ(c.quoted, influx_quote_string(c.in)) << c.in;
+    }
+}
+
+TEST(VyrhostInflux, DiagnosticPrefixes) {
+    const struct {
+        int level;
+        const char *line;
+    } cases[] = {{2, "E! x"}, {3, "E! x"}, {4, "W! x"}, {5, "I! x"}, {6, "I! x"}, {7, "D! x"}};
+    for (const auto &c : cases) EXPECT_EQ(c.line, influx_diagnostic(c.level, "x")) << c.level;
+}
+
+}  // namespace
