@@ -21,18 +21,15 @@ LABEL = re.compile(r'([a-zA-Z_][a-zA-Z0-9_]*)="((?:[^"\\]|\\.)*)"')
 
 
 def check(text, where):
-    problems, types, series = [], {}, set()
+    problems, series = [], set()
     for line in text.splitlines():
         if line.startswith("# TYPE "):
             _, _, name, kind = line.split(" ", 3)
-            types[name] = kind
             if (kind == "counter") != name.endswith("_total"):
                 problems.append(f"{where}: {kind} {name}")
             if re.search(r"(lane|bin)_?\d", name):
                 problems.append(f"{where}: a number in the name {name}")
-        if not line or line.startswith("#"):
-            continue
-        m = SAMPLE.match(line)  # promtool says what is wrong with a line that does not match
+        m = SAMPLE.match(line) if line[:1] not in ("", "#") else None  # promtool checks the rest
         if not m:
             continue
         labels = tuple(LABEL.findall(m.group(3) or ""))

@@ -127,7 +127,7 @@ TEST(VyrhostDecode, EveryEventOfEveryBlockWithItsDeviceAndTime) {
 TEST(VyrhostDecode, ABadBlockIsRejectedWithItsReason) {
     const struct {
         size_t at;  // the byte changed, or where the buffer ends
-        int byte;   // -1: the buffer ends there
+        int byte;   // -1: the buffer ends there; -2: it ends 8 bytes short of the block's end
         const char *message;
     } cases[] = {
         {3, 'e', ": magic is not \"VYRE\" (bytes 56 59 52 65)"},
@@ -135,6 +135,7 @@ TEST(VyrhostDecode, ABadBlockIsRejectedWithItsReason) {
         {13, 2, ": type index 2 is not in schema \"tarvik\" (it has 2 types)"},
         {15, 2, ": 2 events of "},
         {15, -1, ": 15 bytes left, too few for a 16-byte block header"},
+        {0, -2, ": 1 events of "},
     };
     for (const auto &c : cases) {
         Fixture f;
@@ -143,7 +144,7 @@ TEST(VyrhostDecode, ABadBlockIsRejectedWithItsReason) {
         vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(), 1, 1);
         const size_t second = w.ser.used;
         vyr_data_serializer_write_events_ts(&w.ser, f.schema_index, f.type0, a.data(), 1, 2);
-        uint64_t used = c.byte < 0 ? second + c.at : w.ser.used;
+        uint64_t used = c.byte == -2 ? w.ser.used - 8 : c.byte < 0 ? second + c.at : w.ser.used;
         if (c.byte >= 0) w.bytes[second + c.at] = static_cast<uint8_t>(c.byte);
         size_t events = 0;
         std::string error = decode_blocks(f.ts, w.bytes.data(), used, [&](Event &&) { ++events; });
@@ -273,6 +274,7 @@ TEST(VyrhostPrometheus, NumbersKeepFullPrecisionAndSpecialValues) {
         std::string out;
         ASSERT_TRUE(field_number(temp, r.data(), 0, &out));
         EXPECT_EQ(c.second, out);
+        EXPECT_FALSE(field_number(find_field(f.type(f.type0), "Vendor"), r.data(), 0, &out));
     }
 }
 
