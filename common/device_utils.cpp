@@ -100,6 +100,27 @@ class LineReader {
     size_t pos_ = 0;
 };
 
+/* Calls `visit` with every line of the report's PCI section: after its title,
+ * a rule line and the column headings, up to the cable section. */
+template <typename Visit>
+void for_each_pci_line(const std::string &report, Visit visit) {
+    LineReader reader(report);
+    std::string line;
+    bool in_pci_section = false;
+    while (reader.next(line)) {
+        if (line.find("PCI devices:") != std::string::npos) {
+            std::string skipped;
+            reader.next(skipped);
+            reader.next(skipped);
+            in_pci_section = true;
+            continue;
+        }
+        if (!in_pci_section) continue;
+        if (line.find("Cable devices:") != std::string::npos) break;
+        if (!line.empty()) visit(line);
+    }
+}
+
 }  // namespace
 
 bool is_zdt_dir_empty() {
@@ -123,22 +144,7 @@ bool is_zdt_dir_empty() {
 bool device_utils_parse_zdt_status(const std::string &report, std::vector<std::string> &names,
                                    bool ethernet_only) {
     names.clear();
-    LineReader reader(report);
-    std::string line;
-    bool in_pci_section = false;
-    while (reader.next(line)) {
-        if (line.find("PCI devices:") != std::string::npos) {
-            /* a rule line and the column headings follow the section title */
-            std::string skipped;
-            reader.next(skipped);
-            reader.next(skipped);
-            in_pci_section = true;
-            continue;
-        }
-        if (!in_pci_section) continue;
-        if (line.find("Cable devices:") != std::string::npos) break;
-        if (line.empty()) continue;
-
+    for_each_pci_line(report, [&](const std::string &line) {
         std::string device_type, device_path;
         first_words(line, device_type, device_path);
         bool supported = device_type.find("Arcline") != std::string::npos ||
@@ -150,21 +156,21 @@ bool device_utils_parse_zdt_status(const std::string &report, std::vector<std::s
         std::string ifname;
         if (interface_of(line, ifname)) ethernet = interface_is_ethernet(ifname);
 
-        if (!supported || !usable_path) continue;
+        if (!supported || !usable_path) return;
         if (ethernet_only && !ethernet) {
             VYR_DEBUG("[device_utils]  Skipping device %s: not Ethernet-capable",
                       device_path.c_str());
-            continue;
+            return;
         }
         /* The prefix may sit anywhere in the path; the name is still what
          * follows its first nine characters. */
         std::string name = device_path.substr(kZdtPrefixLen);
         if (!zdt_entry_exists(name)) {
             VYR_WARN("[device_utils]  Skipping device %s: /dev/zdt entry not found", name.c_str());
-            continue;
+            return;
         }
         names.push_back(name);
-    }
+    });
     if (names.empty()) {
         VYR_ERROR("[device_utils]  No valid devices found");
         return false;
@@ -190,6 +196,42 @@ bool device_utils_get_zdt_hca_names(std::vector<std::string> &names, bool ethern
         return false;
     }
     return device_utils_parse_zdt_status(report, names, ethernet_only);
+}
+
+std::vector<std::pair<std::string, std::string>> device_utils_parse_zdt_interfaces(
+    const std::string &report) {
+    std::vector<std::pair<std::string, std::string>> out;
+    for_each_pci_line(report, [&](const std::string &line) {
+        std::string device_type, device_path;
+        first_words(line, device_type, device_path);
+        if (device_path.find(kZdtPrefix) == std::string::npos) return;
+        std::string joined;
+        size_t at = line.find("net-");
+        if (at != std::string::npos) {
+            size_t end = at;
+            while (end < line.size() && !is_blank(line[end])) ++end;
+            std::string list = line.substr(at, end - at);
+            if (!list.empty() && list.back() == '\r') list.pop_back();
+            for (size_t pos = 0; pos <= list.size();) {
+                size_t comma = list.find(',', pos);
+                if (comma == std::string::npos) comma = list.size();
+                std::string piece = list.substr(pos, comma - pos);
+                if (piece.compare(0, 4, "net-") == 0) piece.erase(0, 4);
+                if (!piece.empty()) joined += (joined.empty() ? "" : ",") + piece;
+                pos = comma + 1;
+            }
+        }
+        out.emplace_back(device_path.substr(kZdtPrefixLen), joined);
+    });
+    return out;
+}
+
+std::vector<std::pair<std::string, std::string>> device_utils_get_zdt_interfaces() {
+    std::string report;
+    CommandOptions options;
+    options.output = &report;
+    if (run_command(kZdtStatusCommand, options) == -1) return {};
+    return device_utils_parse_zdt_interfaces(report);
 }
 
 bool device_utils_get_hca_protocol(const std::string &name, bool &is_infiniband,

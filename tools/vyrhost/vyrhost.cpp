@@ -243,18 +243,6 @@ std::string default_library(std::string *tried) {
     return "";
 }
 
-// The network interfaces the device tool's report names, so that the
-// device's series join with the host's network metrics.
-std::vector<std::pair<std::string, std::string>> zdt_interfaces() {
-    FILE *report = popen("zdt status -v 2>/dev/null", "r");
-    if (!report) return {};
-    std::string text;
-    char chunk[4096];
-    for (size_t n; (n = fread(chunk, 1, sizeof chunk, report)) > 0;) text.append(chunk, n);
-    pclose(report);
-    return report_interfaces(text);
-}
-
 template <typename F>
 bool guarded(const char *what, F &&call) {
     try {
@@ -513,7 +501,9 @@ int run(Host &host, void *library, const std::string &library_path) {
         return 2;
     }
     host.devices = check.devices;
-    host.interfaces = zdt_interfaces();
+    // The interfaces the device tool's report names, so that the device's
+    // series join with the host's network metrics.
+    host.interfaces = vyr::common::device_utils_get_zdt_interfaces();
     vyr_dict_t *dict = vyr_dict_create();
     if (!dict) {
         complain("out of memory");

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <sstream>
 
 #include "vyrhost_render.h"
 
@@ -114,44 +113,6 @@ double text_number(const std::string &text) {
     if (end == start) return NAN;
     while (*end == ' ' || *end == '\t') ++end;
     return *end ? NAN : v;
-}
-
-std::vector<std::pair<std::string, std::string>> report_interfaces(const std::string &report) {
-    std::vector<std::pair<std::string, std::string>> out;
-    std::istringstream in(report);
-    std::string line;
-    size_t zdt_col = 0, net_col = 0;
-    bool in_table = false;
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        std::istringstream words(line);
-        std::vector<std::string> cells;
-        for (std::string w; words >> w;) cells.push_back(w);
-        if (!cells.empty() && cells[0] == "DEVICE_TYPE") {
-            in_table = false;
-            for (size_t i = 0; i < cells.size(); ++i) {
-                if (cells[i] == "ZDT") zdt_col = i;
-                if (cells[i] == "NET") net_col = i, in_table = true;
-            }
-            continue;
-        }
-        if (cells.empty()) {
-            in_table = false;
-            continue;
-        }
-        if (!in_table || cells.size() <= std::max(zdt_col, net_col)) continue;
-        std::string path = cells[zdt_col];
-        std::string name = path.substr(path.rfind('/') + 1);
-        std::string joined, piece;
-        std::istringstream nets(cells[net_col]);
-        while (std::getline(nets, piece, ',')) {
-            if (piece.compare(0, 4, "net-") == 0) piece.erase(0, 4);
-            if (piece.empty() || piece == "-") continue;
-            joined += (joined.empty() ? "" : ",") + piece;
-        }
-        out.push_back({name, joined});
-    }
-    return out;
 }
 
 }  // namespace vyrhost

@@ -44,9 +44,4 @@ FieldMetric map_field(const std::string &field, bool numeric);
 // so that a reading that sometimes fails to parse never adds or drops a series.
 double text_number(const std::string &text);
 
-// Devices and interfaces of a "zdt status -v" report: for each row of the
-// device table, the last path component of its ZDT column and the NET column
-// without its "net-" prefixes, joined by ","; "" when it names none.
-std::vector<std::pair<std::string, std::string>> report_interfaces(const std::string &report);
-
 }  // namespace vyrhost
