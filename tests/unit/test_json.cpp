@@ -69,15 +69,6 @@ TEST(JsonSerialize, DecimalPointIgnoresTheThreadLocale) {
     EXPECT_EQ(text, "0.5");
 }
 
-TEST(JsonSerialize, NestedLayout) {
-    Json o(json_pack("{s:{},s:[f,[n],{s:b}]}", "o", "l", 1.0, "f", 0));
-    EXPECT_EQ(text_of(o.v), "{\"o\":{},\"l\":[1,[null],{\"f\":false}]}");
-    EXPECT_EQ(
-        text_of(o.v, true),
-        "{\n    \"o\": {},\n    \"l\": [\n        1,\n        [\n            null\n        ],\n"
-        "        {\n            \"f\": false\n        }\n    ]\n}");
-}
-
 TEST(JsonParse, Inputs) {
     const struct {
         std::string text;
@@ -117,7 +108,6 @@ TEST(JsonValidate, TemplatesMatchByTypeOnly) {
         {"{\"b\":false}", "{\"b\":0}", -1},
         {"[0,\"ignored\"]", "[1,2.5]", 0},
         {"[{\"k\":0}]", "[{\"k\":1},{\"z\":0}]", -1},
-        {"[]", "[1,\"two\"]", 0},
         {"1", nullptr, -1},
         {nullptr, "1", -1},
     };
@@ -139,7 +129,6 @@ TEST(JsonEquals, Table) {
         {"1", "1.0000005", 1},
         {"1", "1.000002", 0},
         {"\"a\\u0000b\"", "\"a\\u0000c\"", 0},
-        {"null", "false", 0},
     };
     for (const auto &c : cases) {
         Json a(vyr_json_parse_string(c.a)), b(vyr_json_parse_string(c.b));

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <functional>
@@ -12,18 +11,6 @@
 
 #include "unit_helpers.h"
 #include "vyr_logger.h"
-
-// The wall clock the logger reads, pinned by a test or passed through.
-static std::atomic<bool> g_clock_pinned{false};
-static struct timespec g_clock_pin;
-
-extern "C" int clock_gettime(clockid_t clock, struct timespec *ts) noexcept {
-    if (clock == CLOCK_REALTIME && g_clock_pinned.load()) {
-        *ts = g_clock_pin;
-        return 0;
-    }
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, ts));
-}
 
 namespace {
 
@@ -89,11 +76,8 @@ class LoggerTest : public ::testing::Test {
         vyr_set_log_func(nullptr, 0);
         vyr_init_stderr_logger(0);
     }
-    struct TzReset {
-        ~TzReset() { tzset(); }
-    } tz_reset_;  // declared first, so it runs after env_ put TZ back
     vyrtest::unit::ScopedEnv env_{"VYR_API_LOG_LEVEL", "API_LOG_LEVEL", "VYR_LOG_THREAD_SAFE",
-                                  "LOG_THREAD_SAFE", "TZ"};
+                                  "LOG_THREAD_SAFE"};
 };
 
 // Every line is "[date time.mmm] ", the level's prefix, the message and a
@@ -142,30 +126,6 @@ TEST_F(LoggerTest, FileLoggerLineFormatGatingAndFlush) {
     EXPECT_EQ(state_now(), State(VYR_LOGGER_FUNC, nullptr, (const void *)other_log_func, 3, true));
     EXPECT_EQ(vyr_set_log_level(2), 3);
     EXPECT_EQ(vyr_get_log_func(), other_log_func);
-}
-
-// Stamps are local time with zero-padded milliseconds; the clock is pinned.
-TEST_F(LoggerTest, TimestampFromPinnedClock) {
-    const struct {
-        const char *tz;
-        long nsec;
-        const char *stamp;
-    } cases[] = {
-        {"UTC0", 7999999, "[2024-05-01 12:00:07.007] "},
-        {"XYZ-5:30", 999999999, "[2024-05-01 17:30:07.999] "},  // no tzdata needed
-    };
-    for (const auto &c : cases) {
-        setenv("TZ", c.tz, 1);
-        tzset();
-        TempFile file;
-        ASSERT_EQ(vyr_init_file_logger(file.path.c_str(), 4), 1);
-        g_clock_pin = {1714564807, c.nsec};
-        g_clock_pinned = true;
-        VYR_WARN("[%s] rest of the message", "vyr_getenv");
-        g_clock_pinned = false;
-        EXPECT_EQ(file.read(),
-                  c.stamp + std::string("[warning] [vyr_getenv] rest of the message\n"));
-    }
 }
 
 // The first message initialises a stderr logger from VYR_API_LOG_LEVEL (or

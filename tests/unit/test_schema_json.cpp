@@ -243,17 +243,6 @@ TEST(SchemaJsonRead, FieldSetFilters) {
     vyr_destroy_field_set(fset);
 }
 
-TEST(SchemaJsonGuid, WordRule) {
-    const struct {
-        const char *name;
-        int result;
-    } cases[] = {{"GUID", 1},     {"node_guid_0", 1}, {"Guid2", 1}, {"x-gUiD", 1},
-                 {"guidance", 0}, {"myguid", 0},      {"gui", 0},   {"", 0},
-                 {nullptr, 0},    {"a_guidx_guid", 1}};
-    for (const auto &c : cases)
-        EXPECT_EQ(vyr_string_contains_guid(c.name), c.result) << (c.name ? c.name : "null");
-}
-
 TEST_F(SchemaJson, EventRecordAsJson) {
     // Unset means on; the setting is read once, at the first rendering.
     vyrtest::unit::ScopedEnv env{"VYR_CONVERT_GUID_TO_HEX_STRING", "CONVERT_GUID_TO_HEX_STRING"};
