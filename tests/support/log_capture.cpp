@@ -10,22 +10,16 @@ namespace {
 std::mutex g_mutex;
 std::vector<LogLine> g_lines;
 
+// Formats into a std::string: operator new is not counted by the allocation
+// failure walks, so capturing never takes one of their allocations.
 void capture(int level, const char *format, ...) {
-    char small[1024];
-    va_list ap;
+    va_list ap, ap2;
     va_start(ap, format);
-    va_list ap2;
     va_copy(ap2, ap);
-    int n = vsnprintf(small, sizeof small, format, ap);
+    int n = vsnprintf(nullptr, 0, format, ap);
     va_end(ap);
-    std::string text;
-    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
-        text.assign(small, static_cast<size_t>(n));
-    } else if (n >= 0) {
-        text.resize(static_cast<size_t>(n) + 1);
-        vsnprintf(&text[0], text.size(), format, ap2);
-        text.resize(static_cast<size_t>(n));
-    }
+    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    vsnprintf(&text[0], text.size() + 1, format, ap2);
     va_end(ap2);
     std::lock_guard<std::mutex> lock(g_mutex);
     g_lines.push_back({level, std::move(text)});

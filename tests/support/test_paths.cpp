@@ -15,9 +15,6 @@ std::string binary_dir() {
 std::string golden_dir() {
     return VYR_GOLDEN_DIR;
 }
-std::string sim_dir() {
-    return std::string(VYR_SOURCE_DIR) + "/tools/sim";
-}
 
 std::string read_file(const std::string &path) {
     std::ifstream in(path, std::ios::binary);

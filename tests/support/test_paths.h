@@ -8,7 +8,6 @@ namespace vyrtest {
 std::string source_dir();  // the repository
 std::string binary_dir();  // the build tree
 std::string golden_dir();  // tests/golden
-std::string sim_dir();     // simulated zdt and phyprobe
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 

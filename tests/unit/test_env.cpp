@@ -20,6 +20,7 @@ TEST(Env, PrefixedSpellingWinsAndTheLoggersNameIsQuiet) {
         "[vyr_getenv] Environment variables conflict - VYR_ENVTEST=a and ENVTEST=b. Using "
         "VYR_ENVTEST";
     const std::string use_a = "[vyr_getenv] Using 'VYR_ENVTEST'='a'";
+    const std::string use_level = "[vyr_getenv] Using 'VYR_API_LOG_LEVEL'='7'";
     const std::string none = "[vyr_getenv] No value for 'VYR_ENVTEST' or 'ENVTEST'";
     const struct {
         const char *prefix, *prefixed, *plain, *query, *result;
@@ -34,12 +35,7 @@ TEST(Env, PrefixedSpellingWinsAndTheLoggersNameIsQuiet) {
         {"VYR_API_LOG_LEVEL", "7", "3", "VYR_API_LOG_LEVEL", "7", {}},
         {"VYR_API_LOG_LEVEL", unset, "3", "VYR_API_LOG_LEVEL", "3", {}},
         {"VYR_API_LOG_LEVEL", unset, unset, "VYR_API_LOG_LEVEL", unset, {}},
-        {"VYR_API_LOG_LEVEL",
-         "7",
-         "7",
-         "API_LOG_LEVEL",
-         "7",
-         {{7, "[vyr_getenv] Using 'VYR_API_LOG_LEVEL'='7'"}}},
+        {"VYR_API_LOG_LEVEL", "7", "7", "API_LOG_LEVEL", "7", {{7, use_level}}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.query) + " with " + str(c.prefixed) + "/" + str(c.plain));

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "unit_helpers.h"
-#include "vyr_md5.h"
+#include "vyr_json.h"
 
 namespace {
 
@@ -23,9 +23,6 @@ TEST(JsonGolden, ParsedFilesAreWrittenBackByteForByte) {
             (vyrtest::golden_dir() + "/schema_json/" + name + ".compact.json").c_str()));
         EXPECT_EQ(text_of(from_pretty.v), golden(name + ".compact.json"));
         EXPECT_EQ(text_of(from_file.v, true), pretty);
-        char md5[VYR_MD5_STRING_LENGTH];
-        vyr_HexMD5(pretty.data(), pretty.size(), md5);
-        EXPECT_EQ(md5 + std::string("\n"), golden(name + ".md5"));
     }
     EXPECT_EQ(vyr_json_parse_file("/nonexistent/vyr.json"), nullptr);
     EXPECT_EQ(vyr_json_parse_file(nullptr), nullptr);
@@ -69,15 +66,6 @@ TEST(JsonSerialize, DecimalPointIgnoresTheThreadLocale) {
     EXPECT_EQ(text, "0.5");
 }
 
-TEST(JsonSerialize, NestedLayout) {
-    Json o(json_pack("{s:{},s:[f,[n],{s:b}]}", "o", "l", 1.0, "f", 0));
-    EXPECT_EQ(text_of(o.v), "{\"o\":{},\"l\":[1,[null],{\"f\":false}]}");
-    EXPECT_EQ(
-        text_of(o.v, true),
-        "{\n    \"o\": {},\n    \"l\": [\n        1,\n        [\n            null\n        ],\n"
-        "        {\n            \"f\": false\n        }\n    ]\n}");
-}
-
 TEST(JsonParse, Inputs) {
     const struct {
         std::string text;
@@ -117,7 +105,6 @@ TEST(JsonValidate, TemplatesMatchByTypeOnly) {
         {"{\"b\":false}", "{\"b\":0}", -1},
         {"[0,\"ignored\"]", "[1,2.5]", 0},
         {"[{\"k\":0}]", "[{\"k\":1},{\"z\":0}]", -1},
-        {"[]", "[1,\"two\"]", 0},
         {"1", nullptr, -1},
         {nullptr, "1", -1},
     };
@@ -139,7 +126,6 @@ TEST(JsonEquals, Table) {
         {"1", "1.0000005", 1},
         {"1", "1.000002", 0},
         {"\"a\\u0000b\"", "\"a\\u0000c\"", 0},
-        {"null", "false", 0},
     };
     for (const auto &c : cases) {
         Json a(vyr_json_parse_string(c.a)), b(vyr_json_parse_string(c.b));

@@ -98,7 +98,6 @@ TEST(Serializer, EventsBufferReservesABlockForTheCaller) {
     // Too large by two bytes: 100 - 16 - 31 = 53 free, 11 records need 55.
     EXPECT_EQ(nullptr, vyr_data_serializer_get_events_buffer(&b.ser, 1, 1, 11, &size));
     EXPECT_EQ(15u, size);
-    EXPECT_EQ(31u, b.ser.used);
     Buffer full(16);
     EXPECT_EQ(nullptr, vyr_data_serializer_get_events_buffer(&full.ser, 1, 0, 1, &size));
     const std::string cannot =
@@ -129,15 +128,13 @@ TEST(Serializer, ZeroSizeReportIsRateLimitedPerEntryPoint) {
 }
 
 TEST(Serializer, MagicValues) {
-    vyr_magic_value_t m, lower, copy = {};
+    vyr_magic_value_t m, lower;
     vyr_magic_value_fill(m, 'E');
     EXPECT_TRUE(vyr_magic_value_match_type(m, 'E'));
     EXPECT_FALSE(vyr_magic_value_match_type(m, 'e'));
     vyr_magic_value_fill_lower(lower, 'E');
     EXPECT_EQ(0, memcmp(lower, "vyre", 4));
     EXPECT_FALSE(vyr_magic_value_match(m, lower));
-    vyr_magic_value_copy(copy, m);
-    EXPECT_TRUE(vyr_magic_value_match(copy, m));
     // A zero byte ends the letter comparison; the fourth bytes still count.
     const vyr_magic_value_t a = {'V', '\0', 'X', 'E'}, b = {'V', '\0', 'Y', 'E'},
                             c = {'V', '\0', 'Y', 'F'};

@@ -1,8 +1,6 @@
 // Sources and source arrays: identifiers, range texts and input files.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cstring>
 
@@ -192,15 +190,6 @@ TEST(Source, InputFiles) {
         EXPECT_EQ(open_descriptors(), descriptors);
     }
     EXPECT_TRUE(log.lines().empty()) << log.dump();
-    // A bound socket exists by name but cannot be opened, even by root.
-    sockaddr_un addr = {AF_UNIX, {}};
-    const std::string path = dir.path + "/sock";
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-    EXPECT_EQ(nullptr, vyr_create_source_array_from_input(path.c_str()));
-    EXPECT_EQ(vyrtest::unit::texts(log), Ids{"[source] Failed to open file: " + path});
-    close(fd);
 }
 
 }  // namespace
