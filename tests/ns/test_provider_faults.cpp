@@ -96,8 +96,8 @@ TEST_F(ProviderFaults, OneShotFaultsStayWithTheirDevice) {
     const struct {
         const char *dev;
         bool at_init;
-        const char *knobs;    // KNOB=VALUE;...
-        std::string warning;  // "@" stands for the device
+        const char *knobs;         // KNOB=VALUE;...
+        std::string warning = "";  // "@" stands for the device
     } cases[] = {
         {"exit5", true, "FAIL_HEADER_RUN=5", header_run_failed("@", "1280")},
         {"hang", true, "HANG=20", header_run_failed("@", "31744")},  // ended by "timeout 3"
