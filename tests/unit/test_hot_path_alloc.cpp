@@ -25,6 +25,7 @@
 #endif
 #endif
 
+#ifndef VYR_SANITIZER_ALLOCATOR
 namespace {
 std::atomic<bool> g_counting{false};
 std::atomic<long> g_calls{0};
@@ -33,7 +34,6 @@ void note() {
 }
 }  // namespace
 
-#ifndef VYR_SANITIZER_ALLOCATOR
 extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
