@@ -96,11 +96,15 @@ TEST_F(TarvikProvider, SettingsAndTheirConversions) {
 }
 
 // Nothing discovered, or only names that were not: initialization refuses,
-// and no name from the list ever reaches a shell.
+// stop only joins, and no name from the list ever reaches a shell.
 TEST_F(TarvikProvider, NoDeviceToCollect) {
     auto &log = fresh_log();
     construct();
     EXPECT_TRUE(log.contains(3, kTp + "Failed to get allowed devices"));
+    sim::add_zdt_file("phyprobe_service_999999");
+    start();
+    EXPECT_EQ(stop(), 1);
+    EXPECT_FALSE(log.contains_fragment("stopping service"));
     release();
     sim::add_device("a");
     set("tarvik_devices", "a;touch /tmp/owned,$(touch /tmp/owned2)");
@@ -223,16 +227,6 @@ TEST_F(TarvikProvider, TypeCreationFailureReleasesEveryDevice) {
 }
 
 // ---- stop and the host's own ----------------------------------------------
-
-TEST_F(TarvikProvider, StopWithoutDevicesOnlyJoins) {
-    construct();
-    ASSERT_TRUE(p->devices.empty());
-    sim::add_zdt_file("phyprobe_service_999999");
-    auto &log = fresh_log();
-    start();
-    EXPECT_EQ(stop(), 1);
-    EXPECT_FALSE(log.contains_fragment("stopping service"));
-}
 
 // One-shot mode scans for markers too. A name holding the marker text
 // elsewhere passes the substring test, but its id is read at the prefix's
