@@ -209,7 +209,7 @@ TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
         {"a|b|a|b|a", "", "a:2 b:2 a_0:2 b_0:2 a_1:2"},
         {"A|a", "", "A:2 a:2"},
         {"|", "", ":2 _0:2"},
-        };
+    };
     for (const auto &c : cases) {
         Types types;
         TarvikFormatParser p("unused", &types);
