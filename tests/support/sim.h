@@ -2,8 +2,9 @@
 // entries, sysfs attributes, and the settings and logs of the simulated zdt
 // and phyprobe (tools/sim, documented in its README.md).
 //
-// Every function first checks that it runs inside that namespace and aborts
-// the test program otherwise, so a test started by hand can never create
+// reset() aborts the test program unless it runs inside that namespace
+// (VYR_TEST_NAMESPACE=1, /dev, /tmp and /sys/class private tmpfs mounts), and
+// every fixture calls it first, so a test started by hand can never create
 // /dev/zdt or sysfs files on the host.
 #pragma once
 
@@ -13,28 +14,19 @@
 namespace vyrtest {
 namespace sim {
 
-// Inside ns_run.sh's namespace: VYR_TEST_NAMESPACE=1 and /dev, /tmp and
-// /sys/class are private tmpfs mounts.
-bool in_namespace();
-// Aborts the program with a message when not in_namespace().
-void require_namespace();
-
 // Back to a clean slate: drops every ZDT_SIM_* and PHYPROBE_SIM_* setting,
 // leaves an empty /dev/zdt, empty /sys/class/net and /sys/class/infiniband,
 // removes /tmp/tarvik_collect_*, the simulators' logs and run counters, and
-// turns the zdt call log and the phyprobe argv log on (zdt_calls(),
-// phyprobe_argv_log()).
+// turns the zdt call log and the phyprobe argv log on.
 void reset();
 
 // /dev/zdt and its entries.
-void make_zdt_dir();
 void remove_zdt_dir();
 void add_zdt_char_device(const std::string &name);  // the null device's numbers
 void add_zdt_symlink(const std::string &name, const std::string &target = "/dev/null");
 void add_zdt_file(const std::string &name);  // a regular file, which is no device
 void add_zdt_subdir(const std::string &name);
-std::vector<std::string> zdt_entries();      // sorted, without "." and ".."
-std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries
+std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries, sorted
 
 // sysfs: content is written verbatim ("1\n" is an Ethernet interface).
 void set_net_type(const std::string &ifname, const std::string &content);
@@ -56,13 +48,13 @@ void add_device(const std::string &name, const std::string &type = "arcline",
 // when a device is given.
 void set_phyprobe_knob(const std::string &knob, const std::string &value,
                        const std::string &device = "");
-void clear_phyprobe_knob(const std::string &knob, const std::string &device = "");
 std::vector<std::string> phyprobe_argv_log();  // one line per run: "phyprobe -d ..."
 // Turns the descriptor report on; returns the log's path.
 std::string enable_phyprobe_fd_log();
 
-// Lines of a text file (no line feeds); empty when the file does not exist.
-std::vector<std::string> read_lines(const std::string &path);
+// What is no regular file, anywhere: kind "fifo", "directory" or "socket"
+// (bound, then closed) at path. False when it could not be made.
+bool make_special(const std::string &kind, const std::string &path);
 
 }  // namespace sim
 }  // namespace vyrtest

@@ -1,5 +1,5 @@
-// The value line's number conversions: exactly what strtoull/strtod give,
-// token by token and in place inside a whole line.
+// The value line's number conversions, exactly what strtoull/strtod give,
+// token by token, and the whole line into the device's event.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
+#include "log_capture.h"
 #include "tarvik_collect.h"
 #include "tarvik_convert.h"
 
@@ -122,72 +124,100 @@ TEST(TarvikConversion, FollowsTheRoundingModeLikeStrtod) {
     fesetround(FE_TONEAREST);
 }
 
-// The line converter reads numbers in place, across what follows them in the
-// line; every slot must still equal the conversion of its own token.
-class LineConversion : public ::testing::Test {
+// The value line into the device's event: a text, a double and an integer
+// field by default; each test may change the list.
+class CsvToEvent : public ::testing::Test {
   protected:
-    void SetUp() override { p = tarvik_provider_instance(); }
+    void SetUp() override {
+        tarvik_schema_type_info_t info;
+        info.fields = &fields;
+        p->type_infos["hdr"] = info;
+        dev.header_id = strdup("hdr");
+        dev.event_cache = static_cast<uint8_t *>(calloc(1, 136 + 12 * 64));
+    }
     void TearDown() override {
         p->type_infos.clear();
         free(dev.header_id);
         free(dev.event_cache);
     }
-    void check_line(const std::vector<std::string> &tokens,
-                    const std::vector<tarvik_field_type_t> &types) {
-        fields.clear();
-        std::string line;
-        size_t size = 136;
-        for (size_t i = 0; i < tokens.size(); ++i) {
-            fields.push_back({"f", "f", types[i], true});
-            line += (i ? "," : "") + tokens[i];
-            size += types[i] == TARVIK_FIELD_STRING ? 64 : 8;
-        }
-        tarvik_schema_type_info_t info;
-        info.fields = &fields;
-        p->type_infos["line"] = info;
-        free(dev.header_id);
-        free(dev.event_cache);
-        dev.header_id = strdup("line");
-        dev.event_cache = static_cast<uint8_t *>(calloc(1, size));
-        ASSERT_TRUE(tarvik_csv_to_event(p, &dev, line)) << line;
-        size_t off = 136;
-        for (size_t i = 0; i < tokens.size(); ++i) {
-            const std::string &t = tokens[i];
-            if (types[i] == TARVIK_FIELD_UINT64) {
-                uint64_t v;
-                memcpy(&v, dev.event_cache + off, 8);
-                ASSERT_EQ(v, reference_u64(t)) << "token '" << t << "' in " << line;
-                off += 8;
-            } else if (types[i] == TARVIK_FIELD_DOUBLE) {
-                double v;
-                memcpy(&v, dev.event_cache + off, 8);
-                ASSERT_TRUE(same_bits(v, reference_double(t))) << "token '" << t << "' in " << line;
-                off += 8;
-            } else {
-                char want[64] = {0};
-                memcpy(want, t.data(), std::min<size_t>(t.size(), 63));
-                ASSERT_EQ(0, memcmp(want, dev.event_cache + off, 64)) << "token '" << t << "'";
-                off += 64;
-            }
-        }
+    uint64_t at(size_t off) {
+        uint64_t v;
+        memcpy(&v, dev.event_cache + off, 8);
+        return v;
     }
-    tarvik_provider_t *p = nullptr;
-    std::vector<vyr_event_tarvik_type_t> fields;
+    tarvik_provider_t *p = tarvik_provider_instance();
+    std::vector<vyr_event_tarvik_type_t> fields = {{"u", "u", TARVIK_FIELD_UINT64, true},
+                                                   {"d", "d", TARVIK_FIELD_DOUBLE, true},
+                                                   {"s", "s", TARVIK_FIELD_STRING, true}};
     tarvik_provider_dev_info_t dev;
 };
 
-TEST_F(LineConversion, RandomLines) {
+// Texts are cut to 63 bytes and zero-filled; no number gives 0.
+TEST_F(CsvToEvent, ConvertsEachFieldByItsType) {
+    const struct {
+        std::string line;
+        uint64_t u;
+        double d;
+        std::string s;
+    } cases[] = {
+        {"1,2,x", 1, 2.0, "x"},
+        {"abc,abc,abc", 0, 0.0, "abc"},
+        {"1,2," + std::string(100, 'q'), 1, 2.0, std::string(63, 'q')},
+    };
+    for (const auto &c : cases) {
+        memset(dev.event_cache, 0xFF, 216);
+        ASSERT_TRUE(tarvik_csv_to_event(p, &dev, c.line));
+        EXPECT_GT(at(0), 1600000000ull * 1000000ull);  // now
+        EXPECT_EQ(at(136), c.u);
+        EXPECT_TRUE(same_bits(c.d, [&] {
+            double d;
+            memcpy(&d, dev.event_cache + 144, 8);
+            return d;
+        }()));
+        char want[64] = {0};
+        memcpy(want, c.s.data(), c.s.size());
+        EXPECT_EQ(memcmp(dev.event_cache + 152, want, 64), 0) << c.line;
+    }
+}
+
+TEST_F(CsvToEvent, FieldCountMismatchOrUnknownTypeFails) {
+    ASSERT_TRUE(tarvik_csv_to_event(p, &dev, "5,6,prev"));
+    std::vector<uint8_t> before(dev.event_cache, dev.event_cache + 216);
+    vyrtest::LogCapture log;
+    EXPECT_FALSE(tarvik_csv_to_event(p, &dev, "1,2,x,extra"));
+    EXPECT_FALSE(tarvik_csv_to_event(p, &dev, "1,2"));
+    EXPECT_EQ(std::vector<uint8_t>(dev.event_cache, dev.event_cache + 216), before);
+    const std::string fn = "[tarvik provider] [tarvik_csv_to_event] ";
+    EXPECT_TRUE(log.contains(
+        4, fn + "Number of fields in csv line (4) does not match number of tarvik fields (3)"));
+    EXPECT_TRUE(log.contains(7, fn + "csv line: 1,2,x,extra"));
+    fields[1].type = 7;
+    EXPECT_FALSE(tarvik_csv_to_event(p, &dev, "9,2,x"));
+    EXPECT_EQ(at(136), 9u);  // written before the bad field
+    EXPECT_TRUE(log.contains(3, fn + "Unknown tarvik field type 7"));
+}
+
+// Numbers are read in place, across what follows them in the line; every
+// slot must still equal the conversion of its own token.
+TEST_F(CsvToEvent, LineReadsEachNumberInPlace) {
     unsigned seed = 777;
     for (int n = 0; n < 3000; ++n) {
-        size_t count = 1 + rand_r(&seed) % 12;
+        fields.clear();
         std::vector<std::string> tokens;
-        std::vector<tarvik_field_type_t> types;
-        for (size_t i = 0; i < count; ++i) {
+        std::string line;
+        for (size_t i = 0, count = 1 + rand_r(&seed) % 12; i < count; ++i) {
             tokens.push_back(random_token(seed));
-            types.push_back((tarvik_field_type_t)(rand_r(&seed) % 3));
+            fields.push_back({"f", "f", (tarvik_field_type_t)(rand_r(&seed) % 2), true});
+            line += (i ? "," : "") + tokens[i];
         }
-        if (tokens.back().empty()) tokens.back() = "1";
-        check_line(tokens, types);
+        if (tokens.back().empty()) line += tokens.back() = "1";  // no empty last token
+        ASSERT_TRUE(tarvik_csv_to_event(p, &dev, line)) << line;
+        for (size_t i = 0; i < tokens.size(); ++i) {
+            uint64_t want = reference_u64(tokens[i]);
+            double d = reference_double(tokens[i]);
+            if (fields[i].type == TARVIK_FIELD_DOUBLE) memcpy(&want, &d, 8);
+            ASSERT_EQ(at(136 + 8 * i), want) << "token '" << tokens[i] << "' in " << line;
+        }
     }
 }
 

@@ -81,48 +81,6 @@ class Delivery : public ::testing::Test {
     vyr_schema_t *schemas[1] = {nullptr};
 };
 
-TEST_F(Delivery, NoDevicesReturnsZeroAndKeepsCursor) {
-    uint8_t buf[1024];
-    auto ser = serializer(buf, sizeof buf);
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
-    EXPECT_EQ(p->next_device, 0u);
-    EXPECT_EQ(ser.used, 0u);
-}
-
-TEST_F(Delivery, ResumesAtTheDeviceThatDidNotFit) {
-    add("a", true);
-    add("b", true);
-    add("c", true);
-    uint8_t buf[2 * (16 + kEventSize) + 10];
-    auto ser = serializer(buf, sizeof buf);
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
-    EXPECT_EQ(p->next_device, 2u);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "b"}));
-
-    ser.used = 0;
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
-    EXPECT_EQ(p->next_device, 3u);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"c"}));
-
-    ser.used = 0;
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"a", "b"}));
-}
-
-TEST_F(Delivery, PassesDevicesWithoutDataOrDisabled) {
-    add("a", false);
-    add("b", true, true);
-    add("c", true);
-    uint8_t buf[4096];
-    auto ser = serializer(buf, sizeof buf);
-    vyrtest::LogCapture log;
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"c"}));
-    EXPECT_EQ(p->next_device, 3u);
-    EXPECT_TRUE(log.contains(7, "[tarvik provider] Writing event for device c"));
-    EXPECT_FALSE(log.contains_fragment("device a"));
-}
-
 TEST_F(Delivery, BlockBytesAsTheHostReceivesThem) {
     add("dev", true);
     uint64_t ts = 0x0102030405060708ull;
@@ -130,6 +88,7 @@ TEST_F(Delivery, BlockBytesAsTheHostReceivesThem) {
     uint8_t buf[512];
     auto ser = serializer(buf, sizeof buf);
     p->write_callbacks[0] = tarvik_provider_write_source_events;  // as construct sets it
+    vyrtest::LogCapture log;
     ASSERT_EQ(tarvik_provider_write_events(&p->provider, 0, &ser), 0);
     ASSERT_EQ(ser.used, 16 + kEventSize);
     EXPECT_EQ(0, memcmp(buf, "VYRE", 4));
@@ -138,44 +97,53 @@ TEST_F(Delivery, BlockBytesAsTheHostReceivesThem) {
     EXPECT_EQ(buf[14], 0);
     EXPECT_EQ(buf[15], 1);  // count
     EXPECT_EQ(0, memcmp(buf + 16, p->devices["dev"].event_cache, kEventSize));
+    EXPECT_TRUE(log.contains(7, "[tarvik provider] Writing event for device dev"));
 }
 
 // The cursor is a position in map order. A call that stops on a full buffer
 // keeps its place for the next call; that place must follow the map as it is
-// at the next call, not as it was.
-TEST_F(Delivery, ResumeFollowsTheMapWhenItWasRebuiltBetweenCalls) {
-    add("a", true);
-    add("b", true);
-    add("c", true);
-    uint8_t buf[2 * (16 + kEventSize) + 10];
-    auto ser = serializer(buf, sizeof buf);
-    ASSERT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
-    ASSERT_EQ(p->next_device, 2u);
-    // As a second construct_event_provider would: old records gone, new ones in.
-    tarvik_provider_destroy(&p->provider);  // the cursor too starts over
-    EXPECT_EQ(p->next_device, 0u);
-    p->next_device = 2;
-    add("x", true);
-    add("y", true);
-    add("z", true);
-    ser.used = 0;
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"z"}));
-}
-
-TEST_F(Delivery, ResumeCountsPositionsAfterADeviceIsInsertedBeforeTheCursor) {
-    add("a", true);
-    add("c", true);
-    add("d", true);
-    uint8_t buf[2 * (16 + kEventSize) + 10];
-    auto ser = serializer(buf, sizeof buf);
-    ASSERT_EQ(tarvik_provider_write_source_events(p, &ser), 1);
-    ASSERT_EQ(p->next_device, 2u);
-    add("b", true);  // now a, b, c, d: position 2 is c
-    ser.used = 0;
-    EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), 0);
-    EXPECT_EQ(written(ser), (std::vector<std::string>{"c", "d"}));
-    EXPECT_EQ(p->next_device, 4u);
+// at the next call, not as it was. Devices: "-" no new data, "!" disabled;
+// between calls "+b" registers b, "rebuild" is what a second construct does.
+TEST_F(Delivery, RoundRobinResumesWhereTheBufferFilled) {
+    struct Call {
+        const char *before;
+        int rc;
+        std::vector<std::string> names;
+        uint64_t cursor;
+    };
+    const struct {
+        std::vector<std::string> devices;
+        size_t fit;  // whole events the buffer holds
+        std::vector<Call> calls;
+    } cases[] = {
+        {{}, 4, {{"", 0, {}, 0}}},
+        {{"-a", "!b", "c"}, 4, {{"", 0, {"c"}, 3}}},
+        {{"a", "b", "c"}, 2, {{"", 1, {"a", "b"}, 2}, {"", 0, {"c"}, 3}, {"", 1, {"a", "b"}, 2}}},
+        {{"a", "c", "d"}, 2, {{"", 1, {"a", "c"}, 2}, {"+b", 0, {"c", "d"}, 4}}},
+        {{"a", "b", "c"}, 2, {{"", 1, {"a", "b"}, 2}, {"rebuild", 0, {"z"}, 3}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.devices.size());
+        TearDown();
+        SetUp();
+        for (const auto &d : c.devices)
+            add(d.substr(d[0] == '-' || d[0] == '!'), d[0] != '-', d[0] == '!');
+        std::vector<uint8_t> buf(c.fit * (16 + kEventSize) + 10);
+        auto ser = serializer(buf.data(), buf.size());
+        for (const auto &call : c.calls) {
+            if (call.before[0] == '+') add(call.before + 1, true);
+            if (!strcmp(call.before, "rebuild")) {
+                tarvik_provider_destroy(&p->provider);
+                EXPECT_EQ(p->next_device, 0u);  // the cursor too starts over
+                p->next_device = 2;             // a cursor left over from before
+                for (const char *n : {"x", "y", "z"}) add(n, true);
+            }
+            ser.used = 0;
+            EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), call.rc);
+            EXPECT_EQ(written(ser), call.names);
+            EXPECT_EQ(p->next_device, call.cursor);
+        }
+    }
 }
 
 }  // namespace
