@@ -1,16 +1,7 @@
 #!/usr/bin/env python3
-"""Checks what vyrhost serves to Prometheus.
-
-check_exposition.py [--same-series] [--split PREFIX] FILE...
-
-Each FILE (with --split: each part of it that starts at a line beginning with
-PREFIX) is one exposition. Each must pass `promtool check metrics` (where
-promtool is installed) and the naming rules a dashboard relies on: counters
-and only counters end in _total, no lane or bin number in a metric name, no
-label name starting with "__", no series twice. With --same-series every
-exposition must hold the same set of series. Prints one line per problem and
-exits 1 if there is any.
-"""
+"""check_exposition.py [--same-series] [--split PREFIX] FILE...: each FILE (or
+part of one starting at a PREFIX line) passes promtool and the naming rules;
+with --same-series all hold the same series. Prints problems; exits 1 on any."""
 import re
 import shutil
 import subprocess

@@ -1,15 +1,7 @@
 #!/usr/bin/env python3
-"""Checks vyrhost's JSON lines against the schema vyrhost printed.
-
-check_vyrhost_json.py SCHEMA_JSON EVENTS_JSONL
-
-Every line must be one JSON object whose keys are "source", "block_time" and
-then exactly the fields of one type of the schema, in field order; text
-fields (char arrays) must be strings, every other field a number or null (a
-non-finite double); block_time at or after the event's timestamp. Prints
-problems, then one line per device and type: "DEVICE TYPE_NAME EVENTS", sorted; exits
-1 if there was a problem.
-"""
+"""check_vyrhost_json.py SCHEMA_JSON EVENTS_JSONL: each line is "source",
+"block_time", then one schema type's fields in order, typed; prints problems,
+then "DEVICE TYPE_NAME EVENTS" per device, sorted; exits 1 on a problem."""
 import json
 import sys
 

@@ -5,12 +5,8 @@
 # backslashes in its text): every line parses by the line-protocol grammar,
 # every device's event appears with its interface tag, text comes back
 # unescaped, and every diagnostic line on stderr has an inputs.execd prefix.
-set -u
-REPO=${1:?usage: test_influx.sh REPO BUILD}
-BUILD=${2:?usage: test_influx.sh REPO BUILD}
-[ "${3:-}" = --inside ] || exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --inside
-source "$REPO/tests/scripts/vyrhost_env.sh"
-cd /tmp
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
+in_namespace
 setup_three_devices
 # A fourth adapter whose text values hold a double quote and backslashes.
 export ZDT_SIM_DEVICES="$ZDT_SIM_DEVICES;qt0,arcline,eth3"

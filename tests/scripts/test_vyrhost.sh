@@ -2,17 +2,11 @@
 # test_vyrhost.sh REPO BUILD
 #
 # vyrhost against the simulated adapters, inside a private namespace: its
-# three output forms over two collection intervals, the schema it prints, a
+# JSON and Prometheus text over two collection intervals, the schema it prints, a
 # SIGINT in service mode, and the one-line explanations of what can go wrong
 # before any event flows.
-set -u
-REPO=${1:?usage: test_vyrhost.sh REPO BUILD}
-BUILD=${2:?usage: test_vyrhost.sh REPO BUILD}
-if [ "${3:-}" != --inside ]; then
-    exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --inside
-fi
-source "$REPO/tests/scripts/vyrhost_env.sh"
-cd /tmp
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
+in_namespace
 
 # ------------------------------------------------- mistakes before any event
 
@@ -34,14 +28,8 @@ expect_failure 1 "vyrhost: provider library /nonexistent/libtarvik_provider.so d
 expect_failure 1 "vyrhost: initialization failed: no devices to collect (/dev/zdt holds no devices; 'zdt start' creates them)"
 
 setup_three_devices
-expect_failure 1 "vyrhost: note: tarvik_devices: 'nosuch' is not a device zdt lists; it will not be collected
-vyrhost: initialization failed: no devices to collect (tarvik_devices names 'nosuch', which zdt does not report)" \
-    --set tarvik_devices=nosuch
 expect_failure 1 "vyrhost: the plug-in refused its settings: stoi failed (a setting that must be a number is not one)" \
     --set tarvik_max_errors=abc
-expect_failure 2 "vyrhost: note: unknown setting 'tarvik_intervall' is ignored (the plug-in reads tarvik_devices, tarvik_max_errors, tarvik_phyprobe_as_service and tarvik_update_interval_sec)
-vyrhost: tarvik_update_interval_sec must be a whole number of seconds from 1 to 86400, not '-5'" \
-    --set tarvik_intervall=5 --set tarvik_update_interval_sec=-5
 PHYPROBE_SIM_FAIL_HEADER_RUN=5 expect_failure 1 \
     "vyrhost: initialization failed: no device gave a usable header (header run for arx0 failed with exit status 5; header run for arx1 failed with exit status 5; header run for tdg0 failed with exit status 5)"
 # A second Ctrl-C while header runs hang ends vyrhost at once, without
@@ -77,21 +65,6 @@ arx1 tarvik_event_0 2
 tdg0 tarvik_event_1 2" "$(cat summary.txt)" "JSON: events per device and their types"
 [ -s err.txt ] && fail "JSON run wrote to stderr: $(cat err.txt)"
 
-# ------------------------------------------------- table, two intervals
-
-"$VYRHOST" "${ONESHOT[@]}" --format table --count 6 --width 0 >table.txt 2>err.txt
-expect_eq 0 $? "status of the table run"
-python3 - table.txt <<'EOF' || fail "table: $(cat table.txt)"
-import re, sys
-tables = [t.split("\n") for t in open(sys.argv[1]).read().split("\n\n") if t.strip()]
-full = [t for t in tables if t[0].endswith(": 3 devices ready")]
-assert len(full) >= 2, "fewer than two polls with all three devices"
-for t in full:
-    assert t[1].startswith("DEVICE  TYPE            COLLECTED     Link_State  Status  Raw_Errors_Lane_0"), t[1]
-    assert [r.split()[0] for r in t[2:5]] == ["arx0", "arx1", "tdg0"], t
-    starts = [m.start() for m in re.finditer(r"(?<=  )\S|^\S", t[1])][:3]
-    assert all(r[s] != " " and r[s - 2:s] in ("", "  ") for r in t[2:5] for s in starts), t
-EOF
 # ------------------------------------------------- Prometheus text, two intervals
 
 # A device of 10,000 columns (80 KB events) with the default buffer, and one

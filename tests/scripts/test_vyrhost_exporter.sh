@@ -6,19 +6,14 @@
 # Prometheus server (where the Debian package is installed) seeing clean
 # scrapes with the same series and no churn; 1,100 idle connections; a device
 # that vanishes going down alone; a port somebody else holds.
-set -u
-REPO=${1:?usage: test_vyrhost_exporter.sh REPO BUILD}
-BUILD=${2:?usage: test_vyrhost_exporter.sh REPO BUILD}
-if [ "${3:-}" != --inside ]; then
-    exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --inside
-fi
-source "$REPO/tests/scripts/vyrhost_env.sh"
-cd /tmp
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
+in_namespace
 setup_three_devices
 ulimit -Sn 1024 # what systemd gives a service
 start_exporter --set tarvik_update_interval_sec=1 --set tarvik_phyprobe_as_service=0 \
     --set tarvik_max_errors=1 --poll 1 --format json || finish
 base=${URL%/metrics}
+target=${base#http://}
 
 curl -s -D headers.txt -o /dev/null "$URL"
 expect_eq "HTTP/1.1 200 OK|Content-Type: text/plain; version=0.0.4; charset=utf-8" \
@@ -30,8 +25,8 @@ expect_eq "404 405 200" "$(for a in "$base/nothing" "-X POST $URL" "-I $URL"; do
 
 if command -v prometheus >/dev/null; then
     port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
-    target=${base#http://}
-    echo "{global: {scrape_interval: 1s}, scrape_configs: [{job_name: v, static_configs: [{targets: ['$target']}]}]}" >prometheus.yml
+    echo "{global: {scrape_interval: 1s, evaluation_interval: 1s}, rule_files: ['$REPO/deploy/prometheus/vyrhost_rules.yml'],
+        scrape_configs: [{job_name: v, static_configs: [{targets: ['$target']}]}]}" >prometheus.yml
     prometheus --config.file=prometheus.yml --storage.tsdb.path=/tmp/prometheus-data \
         --web.listen-address="127.0.0.1:$port" >prometheus.log 2>&1 &
     server=$!
@@ -75,6 +70,23 @@ if [ -n "${server:-}" ]; then
     expect_eq "arx0 0,arx0 1,arx0 2,arx0 3,arx1 0,arx1 1,arx1 2,arx1 3,tdg0 0,tdg0 1," \
         "$(query tarvik_raw_errors_total | sed 's/device=\([^,]*\),.*lane=\([0-9]*\) .*/\1 \2/' | sort | tr '\n' ,)" \
         "lanes of tarvik_raw_errors_total"
+    # Every query of deploy/grafana's dashboard (and each variable's selector,
+    # variables set to all) has data; every rule loaded and healthy.
+    while read -r q; do
+        [ -n "$(query "$q")" ] || fail "no data for the dashboard's $q"
+    done < <(python3 -c '
+import json, re, sys
+dash = json.load(open(sys.argv[1]))
+exprs = [t["expr"] for p in dash["panels"] for t in p["targets"]]
+exprs += [re.fullmatch(r"label_values\((.*), \w+\)", v["query"]["query"]).group(1)
+          for v in dash["templating"]["list"] if v["type"] == "query"]
+for e in exprs:
+    print(e.replace("$instance", ".*").replace("$device", ".*").replace("$__rate_interval", "30s"))' "$REPO/deploy/grafana/tarvik.json")
+    expect_eq "$(grep -c '^ *- alert:' "$REPO/deploy/prometheus/vyrhost_rules.yml") ['ok']" \
+        "$(curl -sf "http://127.0.0.1:$port/api/v1/rules" | python3 -c '
+import json, sys
+rules = [r for g in json.load(sys.stdin)["data"]["groups"] for r in g["rules"]]
+print(len(rules), sorted({r["health"] for r in rules}))')" "rules loaded and their health"
 fi
 
 # 1,100 idle connections held for 15 s: scrapes still answered meanwhile,
@@ -103,18 +115,13 @@ for _ in $(seq 60); do
 done
 expect_eq "$up 0" "$(curl -sf "$URL" | sed -n 's/^tarvik_device_up{device="\([^"]*\)",interface="\([^"]*\)"} /device=\1,interface=\2 /p')" \
     "tarvik_device_up after tdg0 vanished"
+# Somebody else on the port: one line, status 1.
+"$VYRHOST" "${ONESHOT[@]}" --listen "$target" >/dev/null 2>busy.txt
+expect_eq "1 vyrhost: cannot listen on $target: Address already in use" "$? $(cat busy.txt)" "port taken"
 [ -n "${server:-}" ] && kill "$server" && wait_exit "$server" 30
 kill -INT "$VPID"
 wait_exit "$VPID" 30
 expect_eq 0 "$EXIT_STATUS" "exit status after SIGINT"
 curl -s -o /dev/null "$URL" && fail "still serving after exit"
 
-# Somebody else on the port: one line, status 1.
-python3 -c 'import socket,time; s=socket.socket(); s.bind(("127.0.0.1",0)); s.listen(); print(s.getsockname()[1], flush=True); time.sleep(30)' >port.txt &
-holder=$!
-wait_lines port.txt 10 1
-port=$(cat port.txt)
-"$VYRHOST" "${ONESHOT[@]}" --listen "127.0.0.1:$port" >/dev/null 2>busy.txt
-expect_eq "1 vyrhost: cannot listen on 127.0.0.1:$port: Address already in use" "$? $(cat busy.txt)" "port taken"
-kill "$holder"
 finish

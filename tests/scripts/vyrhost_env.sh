@@ -1,7 +1,10 @@
-# Sourced by the vyrhost tests, inside ns_run.sh's namespace: simulated
-# adapters, the paths of the build, and small assertion helpers.
-# Needs REPO and BUILD set.
-
+# Sourced by the vyrhost and deployment tests as
+#   source "${1:?usage: TEST REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
+# paths of the build, assertion helpers, the simulated adapters and
+# in_namespace, which reruns the test inside ns_run.sh's namespace.
+set -u
+REPO=${1:?usage: $0 REPO BUILD}
+BUILD=${2:?usage: $0 REPO BUILD}
 VYRHOST=$BUILD/tools/vyrhost/vyrhost
 SCRIPTS=$REPO/tests/scripts
 failures=0
@@ -20,12 +23,23 @@ finish() {
     [ "$failures" -eq 0 ] || { echo "$failures check(s) failed" >&2 && exit 1; }
     echo "ok" && exit 0
 }
+skip_without() { # skip_without PROGRAM...: exit 77 unless all are installed
+    local p
+    for p; do
+        command -v "$p" >/dev/null || { echo "SKIP: $p is not installed (scripts/setup.sh)"; exit 77; }
+    done
+}
 
-# Refuses to run outside the namespace: the tests make /dev/zdt entries and
-# sysfs files.
-[ "${VYR_TEST_NAMESPACE:-}" = 1 ] || {
-    echo "vyrhost tests must run under tests/support/ns_run.sh" >&2
-    exit 1
+# in_namespace [net]: reruns the test in a private mount/PID namespace (the
+# tests make /dev/zdt entries and sysfs files), with "net" also a network
+# namespace of its own with loopback up; inside, moves to its /tmp.
+in_namespace() {
+    if [ "${VYR_TEST_NAMESPACE:-}" != 1 ]; then
+        [ "${1:-}" = net ] && exec "$REPO/tests/support/ns_run.sh" unshare --net \
+            bash -c 'ip link set lo up && exec bash "$@"' - "$0" "$REPO" "$BUILD"
+        exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD"
+    fi
+    cd /tmp || exit 1
 }
 
 # Three adapters: arx0 and arx1 write the same (std) header, tdg0 another
