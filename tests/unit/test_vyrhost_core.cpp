@@ -1,7 +1,6 @@
 // vyrhost's own logic: decoding event blocks, the three renderings, the
 // command line and the explanations of a failed start.
 #include <gtest/gtest.h>
-#include <jansson.h>
 
 #include <cmath>
 #include <cstdio>
@@ -262,15 +261,10 @@ TEST(VyrhostJson, SourceAndBlockTimeLeadTheEventFields) {
     EXPECT_NE(std::string::npos, line.find(",\"Temp-C\":null,")) << line;
 
     // A field called "source" keeps its name; vyrhost's key steps aside.
-    const vyr_type_definition_t *t = f.type(f.type1);
-    std::vector<uint8_t> r(t->size, 0);
-    json_error_t error;
-    json_t *parsed = json_loads(render_json_line(f.event(f.type1, r, 9), "h:t").c_str(), 0, &error);
-    ASSERT_NE(nullptr, parsed) << error.text;
-    EXPECT_STREQ("h:t", json_string_value(json_object_get(parsed, "vyrhost_source")));
-    EXPECT_EQ(0, json_number_value(json_object_get(parsed, "source")));
-    EXPECT_EQ(9, json_number_value(json_object_get(parsed, "block_time")));
-    json_decref(parsed);
+    EXPECT_EQ(
+        "{\"vyrhost_source\":\"h:t\",\"block_time\":9,\"timestamp\":0,\"device_name\":\"\","
+        "\"info\":0,\"source\":0,\"device\":\"\",\"Temp-C\":0,\"Temp_C\":0}",
+        render_json_line(f.event(f.type1, std::vector<uint8_t>(f.type(f.type1)->size), 9), "h:t"));
 }
 
 TEST(VyrhostTable, OneAlignedRowPerDeviceCutToTheWidth) {
