@@ -39,12 +39,9 @@ assert sorted(seen) == ["arx0", "arx1", "qt0", "tdg0"], sorted(seen)
 for i, d in enumerate(["arx0", "arx1", "tdg0", "qt0"]):
     tags, fields, ns = seen[d]
     assert tags == {"device": d, "interface": "eth%d" % i}, tags
-    assert fields["timestamp"] == ns[:-3] + "i", (fields["timestamp"], ns)
-    assert fields["device_name"] == '"%s"' % d, fields
     assert re.fullmatch(r"[0-9]+i", fields["Lane_Count"]), fields
 tags, fields, ns = seen["arx0"]
 assert re.fullmatch(r"[0-9.]+(e-[0-9]+)?", fields["Raw_BER_Lane_0"]), fields["Raw_BER_Lane_0"]
-assert fields["Vendor"] == '"Holloway Optics"', fields["Vendor"]
 note, path = seen["qt0"][1]["Note"], seen["qt0"][1]["Path"]
 assert note == r'"say \"hi\""', note
 assert re.fullmatch(r'"C:\\\\temp\\\\[0-9]+"', path), path

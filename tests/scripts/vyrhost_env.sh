@@ -55,9 +55,8 @@ setup_three_devices() {
     done
 }
 
-# The collector settings every run uses: collect every 2 seconds.
+# The collector settings most runs use: collect every 2 seconds, no service.
 ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
-SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
 
 # Waits (up to $2 seconds) until file $1 has at least $3 lines.
 wait_lines() {
@@ -67,31 +66,14 @@ wait_lines() {
     done
 }
 
-# Waits (up to $2 seconds) for background process $1 to end, killing it if it
-# does not, and sets EXIT_STATUS to its exit status or to "hung". (Not to be
-# run in a subshell, which could not wait for the process.)
+# wait_exit PID SECONDS: waits for background process PID to end (killing it
+# after SECONDS), EXIT_STATUS its status or "hung". Not in a subshell.
 wait_exit() {
-    local pid=$1 deadline=$((SECONDS + $2))
-    EXIT_STATUS=hung
-    while [ "$SECONDS" -lt "$deadline" ]; do
-        case "$(ps -o stat= -p "$pid" 2>/dev/null)" in
-        "" | Z*) wait "$pid" && EXIT_STATUS=0 || EXIT_STATUS=$? && return ;;
-        esac
+    local i
+    for ((i = 0; i < $2 * 10; i++)); do
+        [[ "$(ps -o stat= -p "$1")" =~ ^(Z.*)?$ ]] && { wait "$1"; EXIT_STATUS=$? && return; }
         sleep 0.1
     done
-    kill -9 "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null
-}
-
-# Starts vyrhost --listen 127.0.0.1:0 ARGS... in the background; sets VPID and
-# URL (its /metrics) once it serves, stderr in vyrhost.err.
-start_exporter() {
-    "$VYRHOST" --listen 127.0.0.1:0 "$@" >vyrhost.out 2>vyrhost.err &
-    VPID=$!
-    local _
-    for _ in $(seq 100); do
-        URL=$(sed -n 's/^vyrhost: serving Prometheus metrics at \(http:[^ ]*\)$/\1/p' vyrhost.err)
-        [ -n "$URL" ] && return 0 || sleep 0.1
-    done
-    fail "vyrhost did not start serving: $(cat vyrhost.err)" && return 1
+    kill -9 "$1" 2>/dev/null && wait "$1" 2>/dev/null
+    EXIT_STATUS=hung
 }
