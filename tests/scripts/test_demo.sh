@@ -7,9 +7,7 @@
 source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 OUT=$BUILD/test_demo.out
 timeout 60 "$REPO/tests/support/ns_run.sh" bash "$REPO/scripts/demo_inner.sh" \
-    "$BUILD/tools/vyrhost/vyrhost" >"$OUT" 2>&1 </dev/null
-status=$?
-[ "$status" -eq 0 ] || fail "demo ended with status $status: $(tail -20 "$OUT")"
+    "$BUILD/tools/vyrhost/vyrhost" >"$OUT" 2>&1 </dev/null || fail "demo ended with status $?: $(tail -20 "$OUT")"
 
 table=$(sed -n '/^== One-shot mode/,/^== Service mode/p' "$OUT")
 json=$(sed -n '/^== Service mode/,/^== What you just saw/p' "$OUT")

@@ -39,9 +39,6 @@ expect_eq libtarvik_provider.so.1 \
 sed -n '/^Permission/,$p' "$REPO/LICENSE" | sed 's/^$/./; s/^/ /' >"$OUT/license"
 [ "$(grep -cxF -f "$OUT/license" "$root/usr/share/doc/vyrhost/copyright")" = "$(wc -l <"$OUT/license")" ] ||
     fail "the copyright file does not carry LICENSE"
-grep -q 'Copyright: .*The libtarvik_provider authors' "$root/usr/share/doc/vyrhost/copyright" || fail "copyright holder"
-cmp -s "$REPO/deploy/systemd/vyrhost.service" "$root/lib/systemd/system/vyrhost.service" ||
-    fail "the packaged unit differs from deploy/systemd/vyrhost.service"
 
 # systemd checks the unit; ExecStart must name an existing program, so it
 # points at the unpacked one.

@@ -1,6 +1,7 @@
 // InfluxDB line protocol of vyrhost --format influx.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -90,17 +91,16 @@ TEST(VyrhostInflux, TagsLeftOutWhenEmptyAndTimeFromTheBlockWithoutATimestampFiel
 }
 
 TEST(VyrhostInflux, Escaping) {
-    const struct {
-        const char *in, *key, *quoted;
-    } cases[] = {
+    const std::array<const char *, 3> cases[] = {
+        // text, as a key, as a quoted string
         {"a,b c=d", "a\\,b\\ c\\=d", "\"a,b c=d\""},
         {"q\"\\", "q\"\\", "\"q\\\"\\\\\""},
         {"l\nr\r", "l\\ r\\ ", "\"l r \""},
         {"", "", "\"\""},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(c.key, influx_escape_key(c.in)) << c.in;
-        EXPECT_EQ(c.quoted, influx_quote_string(c.in)) << c.in;
+        EXPECT_EQ(c[1], influx_escape_key(c[0])) << c[0];
+        EXPECT_EQ(c[2], influx_quote_string(c[0])) << c[0];
     }
 }
 
