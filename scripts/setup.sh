@@ -8,7 +8,7 @@ PACKAGES=(
   libssl-dev libjansson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
-  util-linux coreutils procps python3
+  util-linux coreutils procps python3 jq
   libmicrohttpd-dev prometheus curl
   prometheus-node-exporter iproute2
   debhelper dpkg-dev fakeroot lintian help2man systemd

@@ -1,15 +1,7 @@
 #!/usr/bin/env python3
-"""Checks vyrhost's JSON lines against the schema vyrhost printed.
-
-check_vyrhost_json.py SCHEMA_JSON EVENTS_JSONL
-
-Every line must be one JSON object whose keys are "source", "block_time" and
-then exactly the fields of one type of the schema, in field order; text
-fields (char arrays) must be strings, every other field a number or null (a
-non-finite double); block_time at or after the event's timestamp. Prints
-problems, then one line per device and type: "DEVICE TYPE_NAME EVENTS", sorted; exits
-1 if there was a problem.
-"""
+# check_vyrhost_json.py SCHEMA_JSON EVENTS_JSONL: each line is "source",
+# "block_time", then one schema type's fields in order, typed; prints problems,
+# then "DEVICE TYPE_NAME EVENTS" per device, sorted; exits 1 on a problem.
 import json
 import sys
 
@@ -20,16 +12,12 @@ for number, line in enumerate(open(sys.argv[2]), 1):
     pairs = json.loads(line, object_pairs_hook=lambda p: p)
     obj, keys = dict(pairs), [k for k, _ in pairs]
     name, fields = types.get(tuple(keys[2:]), (None, []))
-    if keys[:2] != ["source", "block_time"] or name is None:
-        problems.append(f"line {number}: keys {keys}")
-        continue
-    for f in fields:
-        text = f["type_name"] in ("char", "unsigned char") and f.get("array_length", 1) > 1
-        value = obj[f["field_name"]]
-        if not (isinstance(value, str) if text else value is None or type(value) in (int, float)):
-            problems.append(f"line {number}: {f['field_name']} is {value!r}")
-    if not obj["source"].endswith(":tarvik") or not obj["block_time"] >= obj["timestamp"] > 0:
-        problems.append(f"line {number}: source {obj['source']!r}, block_time {obj['block_time']}")
-    devices.setdefault((obj["device_name"], name), []).append(number)
-print("\n".join(problems + [f"{d} {t} {len(n)}" for (d, t), n in sorted(devices.items())]))
+    text = [f["type_name"] in ("char", "unsigned char") and f.get("array_length", 1) > 1 for f in fields]
+    bad = [f["field_name"] for f, t in zip(fields, text) if not (isinstance(obj[f["field_name"]], str) if t
+           else obj[f["field_name"]] is None or type(obj[f["field_name"]]) in (int, float))]
+    if keys[:2] != ["source", "block_time"] or name is None or bad or not obj["source"].endswith(":tarvik") \
+            or not obj["block_time"] >= obj["timestamp"] > 0:
+        problems.append(f"line {number}: {line.strip()[:300]} (mistyped: {bad})")
+    devices[obj.get("device_name"), name] = devices.get((obj.get("device_name"), name), 0) + 1
+print("\n".join(problems + [f"{d} {t} {n}" for (d, t), n in sorted(devices.items())]))
 sys.exit(1 if problems else 0)

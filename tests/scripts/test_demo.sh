@@ -4,20 +4,10 @@
 # The demo's own part (scripts/demo_inner.sh, what scripts/demo.sh runs after
 # the build) ends by itself with status 0 within a minute and shows events of
 # all three simulated devices in one-shot mode (table) and service mode (JSON).
-set -u
-REPO=${1:?usage: test_demo.sh REPO BUILD}
-BUILD=${2:?usage: test_demo.sh REPO BUILD}
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 OUT=$BUILD/test_demo.out
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-
 timeout 60 "$REPO/tests/support/ns_run.sh" bash "$REPO/scripts/demo_inner.sh" \
-    "$BUILD/tools/vyrhost/vyrhost" >"$OUT" 2>&1 </dev/null
-status=$?
-[ "$status" -eq 0 ] || fail "demo ended with status $status: $(tail -20 "$OUT")"
+    "$BUILD/tools/vyrhost/vyrhost" >"$OUT" 2>&1 </dev/null || fail "demo ended with status $?: $(tail -20 "$OUT")"
 
 table=$(sed -n '/^== One-shot mode/,/^== Service mode/p' "$OUT")
 json=$(sed -n '/^== Service mode/,/^== What you just saw/p' "$OUT")
@@ -30,9 +20,5 @@ for d in arx0 arx1 tdg0; do
 done
 grep -q '^On a server with the adapters' "$OUT" || fail "no closing explanation"
 
-if [ "$failures" -ne 0 ]; then
-    echo "$failures check(s) failed; the demo printed:" >&2
-    cat "$OUT" >&2
-    exit 1
-fi
-echo ok
+[ "$failures" -eq 0 ] || cat "$OUT" >&2
+finish

@@ -5,18 +5,14 @@
 # never one planted where a search could stray: beside the prefix, where the
 # build tree's relative path leads from the installed program, the working
 # directory and LD_LIBRARY_PATH. Without its own library it refuses.
-set -u
-REPO=${1:?usage: test_vyrhost_install.sh REPO BUILD}
-BUILD=${2:?usage: test_vyrhost_install.sh REPO BUILD}
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 WORK=$BUILD/vyrhost-install-test
-if [ "${3:-}" != --inside ]; then
-    rm -rf "$WORK"
-    mkdir -p "$WORK/nest/plant"
+if [ "${VYR_TEST_NAMESPACE:-}" != 1 ]; then
+    rm -rf "$WORK" && mkdir -p "$WORK/nest/plant"
     cmake --install "$BUILD" --prefix "$WORK/nest/prefix" >"$WORK/install.log" 2>&1 ||
         { echo "FAIL: cmake --install: $(tail -5 "$WORK/install.log")"; exit 1; }
-    exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --inside
+    in_namespace
 fi
-source "$REPO/tests/scripts/vyrhost_env.sh"
 PREFIX=$WORK/nest/prefix
 name=$(basename "$(ls "$PREFIX"/lib*/libtarvik_provider.so.? | head -1)")
 own=$(readlink -f "$PREFIX"/lib*/"$name")

@@ -1,7 +1,10 @@
-# Sourced by the vyrhost tests, inside ns_run.sh's namespace: simulated
-# adapters, the paths of the build, and small assertion helpers.
-# Needs REPO and BUILD set.
-
+# Sourced by the vyrhost and deployment tests as
+#   source "${1:?usage: TEST REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
+# paths of the build, assertion helpers, the simulated adapters and
+# in_namespace, which reruns the test inside ns_run.sh's namespace.
+set -u
+REPO=${1:?usage: $0 REPO BUILD}
+BUILD=${2:?usage: $0 REPO BUILD}
 VYRHOST=$BUILD/tools/vyrhost/vyrhost
 SCRIPTS=$REPO/tests/scripts
 failures=0
@@ -20,12 +23,23 @@ finish() {
     [ "$failures" -eq 0 ] || { echo "$failures check(s) failed" >&2 && exit 1; }
     echo "ok" && exit 0
 }
+skip_without() { # skip_without PROGRAM...: exit 77 unless all are installed
+    local p
+    for p; do
+        command -v "$p" >/dev/null || { echo "SKIP: $p is not installed (scripts/setup.sh)"; exit 77; }
+    done
+}
 
-# Refuses to run outside the namespace: the tests make /dev/zdt entries and
-# sysfs files.
-[ "${VYR_TEST_NAMESPACE:-}" = 1 ] || {
-    echo "vyrhost tests must run under tests/support/ns_run.sh" >&2
-    exit 1
+# in_namespace [net]: reruns the test in a private mount/PID namespace (the
+# tests make /dev/zdt entries and sysfs files), with "net" also a network
+# namespace of its own with loopback up; inside, moves to its /tmp.
+in_namespace() {
+    if [ "${VYR_TEST_NAMESPACE:-}" != 1 ]; then
+        [ "${1:-}" = net ] && exec "$REPO/tests/support/ns_run.sh" unshare --net \
+            bash -c 'ip link set lo up && exec bash "$@"' - "$0" "$REPO" "$BUILD"
+        exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD"
+    fi
+    cd /tmp || exit 1
 }
 
 # Three adapters: arx0 and arx1 write the same (std) header, tdg0 another
@@ -41,9 +55,8 @@ setup_three_devices() {
     done
 }
 
-# The collector settings every run uses: collect every 2 seconds.
+# The collector settings most runs use: collect every 2 seconds, no service.
 ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
-SERVICE=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1)
 
 # Waits (up to $2 seconds) until file $1 has at least $3 lines.
 wait_lines() {
@@ -53,31 +66,14 @@ wait_lines() {
     done
 }
 
-# Waits (up to $2 seconds) for background process $1 to end, killing it if it
-# does not, and sets EXIT_STATUS to its exit status or to "hung". (Not to be
-# run in a subshell, which could not wait for the process.)
+# wait_exit PID SECONDS: waits for background process PID to end (killing it
+# after SECONDS), EXIT_STATUS its status or "hung". Not in a subshell.
 wait_exit() {
-    local pid=$1 deadline=$((SECONDS + $2))
-    EXIT_STATUS=hung
-    while [ "$SECONDS" -lt "$deadline" ]; do
-        case "$(ps -o stat= -p "$pid" 2>/dev/null)" in
-        "" | Z*) wait "$pid" && EXIT_STATUS=0 || EXIT_STATUS=$? && return ;;
-        esac
+    local i
+    for ((i = 0; i < $2 * 10; i++)); do
+        [[ "$(ps -o stat= -p "$1")" =~ ^(Z.*)?$ ]] && { wait "$1"; EXIT_STATUS=$? && return; }
         sleep 0.1
     done
-    kill -9 "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null
-}
-
-# Starts vyrhost --listen 127.0.0.1:0 ARGS... in the background; sets VPID and
-# URL (its /metrics) once it serves, stderr in vyrhost.err.
-start_exporter() {
-    "$VYRHOST" --listen 127.0.0.1:0 "$@" >vyrhost.out 2>vyrhost.err &
-    VPID=$!
-    local _
-    for _ in $(seq 100); do
-        URL=$(sed -n 's/^vyrhost: serving Prometheus metrics at \(http:[^ ]*\)$/\1/p' vyrhost.err)
-        [ -n "$URL" ] && return 0 || sleep 0.1
-    done
-    fail "vyrhost did not start serving: $(cat vyrhost.err)" && return 1
+    kill -9 "$1" 2>/dev/null && wait "$1" 2>/dev/null
+    EXIT_STATUS=hung
 }

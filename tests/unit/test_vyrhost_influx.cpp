@@ -1,6 +1,7 @@
 // InfluxDB line protocol of vyrhost --format influx.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -17,7 +18,7 @@ using namespace vyrhost;
 // One type with every kind of field the protocol spells differently.
 struct Fixture {
     vyr_type_system_t *ts = vyr_create_type_system();
-    const vyr_type_definition_t *type = nullptr;
+    const vyr_type_definition_t *type = nullptr, *plain = nullptr;
     std::vector<uint8_t> record;
 
     Fixture() {
@@ -33,6 +34,10 @@ struct Fixture {
         };
         EXPECT_EQ(0, vyr_schema_add_type(schema, "tarvik_event_0", fields, 9, &ti));
         type = schema->types[ti];
+        // A "timestamp" that is not of the timestamp type is an ordinary field.
+        const vyr_type_field_info_t other[] = {{"timestamp", "", "uint64_t", A, 1}};
+        EXPECT_EQ(0, vyr_schema_add_type(schema, "t", other, 1, &ti));
+        plain = schema->types[ti];
         record.assign(type->size, 0);
         uint64_t stamp = 1700000000123456, count = 42, big = UINT64_MAX;
         int32_t neg = -7;
@@ -76,45 +81,32 @@ TEST(VyrhostInflux, TagsLeftOutWhenEmptyAndTimeFromTheBlockWithoutATimestampFiel
     Fixture f;
     std::string line = render_influx_line(f.event(""), "");
     EXPECT_EQ(0u, line.find("tarvik timestamp=")) << line;
-    // A "timestamp" that is not of the timestamp type is an ordinary field.
-    vyr_type_system_t *ts = vyr_create_type_system();
-    uint8_t si = 0, ti = 0;
-    vyr_schema_t *schema = vyr_type_system_add_schema(ts, "s", 1, &si);
-    const vyr_type_field_info_t fields[] = {{"timestamp", "", "uint64_t", VYR_VALUE_ABSOLUTE, 1}};
-    ASSERT_EQ(0, vyr_schema_add_type(schema, "t", fields, 1, &ti));
-    Event e;
-    e.device = "d";
-    e.type = schema->types[ti];
+    Event e = f.event("d");
+    e.type = f.plain;
     e.record.assign(e.type->size, 0);
     e.block_time = 5;
     EXPECT_EQ("tarvik,device=d timestamp=0i 5000\n", render_influx_line(e, ""));
     e.type = nullptr;
     EXPECT_EQ("", render_influx_line(e, ""));
-    vyr_destroy_type_system(ts);
 }
 
 TEST(VyrhostInflux, Escaping) {
-    const struct {
-        const char *in, *key, *quoted;
-    } cases[] = {
-        {"plain", "plain", "\"plain\""},
+    const std::array<const char *, 3> cases[] = {
+        // text, as a key, as a quoted string
         {"a,b c=d", "a\\,b\\ c\\=d", "\"a,b c=d\""},
         {"q\"\\", "q\"\\", "\"q\\\"\\\\\""},
         {"l\nr\r", "l\\ r\\ ", "\"l r \""},
         {"", "", "\"\""},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(c.key, influx_escape_key(c.in)) << c.in;
-        EXPECT_EQ(c.quoted, influx_quote_string(c.in)) << c.in;
+        EXPECT_EQ(c[1], influx_escape_key(c[0])) << c[0];
+        EXPECT_EQ(c[2], influx_quote_string(c[0])) << c[0];
     }
 }
 
 TEST(VyrhostInflux, DiagnosticPrefixes) {
-    const struct {
-        int level;
-        const char *line;
-    } cases[] = {{2, "E! x"}, {3, "E! x"}, {4, "W! x"}, {5, "I! x"}, {6, "I! x"}, {7, "D! x"}};
-    for (const auto &c : cases) EXPECT_EQ(c.line, influx_diagnostic(c.level, "x")) << c.level;
+    for (int level = 2; level <= 7; ++level)  // error and worse, warning, info and notice, debug
+        EXPECT_EQ(std::string(1, "EEWIID"[level - 2]) + "! x", influx_diagnostic(level, "x"));
 }
 
 }  // namespace

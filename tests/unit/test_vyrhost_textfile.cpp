@@ -1,16 +1,13 @@
 // vyrhost --textfile: the path check and the atomic replacement.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <set>
-#include <sstream>
 #include <string>
 
+#include "test_paths.h"
 #include "vyrhost_textfile.h"
 
 namespace {
@@ -20,10 +17,8 @@ using namespace vyrhost;
 // The names in a directory, sorted, each followed by a blank.
 std::string entries(const std::string &dir) {
     std::set<std::string> names;
-    DIR *d = opendir(dir.c_str());
-    while (dirent *e = readdir(d))
-        if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.insert(e->d_name);
-    closedir(d);
+    for (const auto &e : std::filesystem::directory_iterator(dir))
+        names.insert(e.path().filename());
     std::string out;
     for (const std::string &n : names) out += n + " ";
     return out;
@@ -47,10 +42,7 @@ TEST(VyrhostTextfile, ReplacesTheFileWholeReadableByAllAndLeavesNoTemporary) {
     ASSERT_EQ("", write_file_atomically(path, "first 1\n"));
     ASSERT_EQ("", write_file_atomically(path, "second 2\n"));
     umask(old_mask);
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ("second 2\n", text.str());
+    EXPECT_EQ("second 2\n", vyrtest::read_file(path));
     struct stat st;
     ASSERT_EQ(0, stat(path.c_str(), &st));
     EXPECT_EQ(0644u, st.st_mode & 0777);
@@ -66,8 +58,7 @@ TEST(VyrhostTextfile, ReplacesTheFileWholeReadableByAllAndLeavesNoTemporary) {
     std::string error = write_file_atomically(dir + "/d.prom", "x");
     EXPECT_EQ(0u, error.find("cannot rename " + dir + "/.d.prom.")) << error;
     EXPECT_EQ("d.prom t.prom ", entries(dir));
-    std::string cleanup = "rm -rf " + dir;
-    EXPECT_EQ(0, system(cleanup.c_str()));
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
