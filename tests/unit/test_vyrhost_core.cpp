@@ -176,20 +176,6 @@ TEST(VyrhostMetrics, TextReadingsAreNumbersOrNaN) {
     for (const char *none : {"", "N/A", "1.5x"}) EXPECT_TRUE(std::isnan(text_number(none))) << none;
 }
 
-TEST(VyrhostMetrics, InterfacesOfTheDeviceReport) {
-    const char report[] =
-        "ZDT modules:\n------------\n    ZDT PCI module is not loaded\n\nPCI devices:\n"
-        "------------\n"
-        "DEVICE_TYPE       ZDT             PCI       RDMA    NET                  NUMA\r\n"
-        "Arcline-X(rev:0)  /dev/zdt/arx0   04:00.0   arx_0   net-eth0             0\r\n"
-        "Tidegate(rev:a0)  /dev/zdt/tg1    05:00.0   arx_1   net-eth1,net-eth2    1\n"
-        "Brinefly(rev:0)   /dev/zdt/bf2    06:00.0   arx_2   -                    0\n"
-        "short line\n\nCable devices:\n---------------\narx0_cable_0\n";
-    EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{
-                  {"arx0", "eth0"}, {"tg1", "eth1,eth2"}, {"bf2", ""}}),
-              report_interfaces(report));
-}
-
 TEST(VyrhostPrometheus, LabelValuesAndHelpAreEscaped) {
     const std::array<std::string, 3> cases[] = {
         {"say \"hi\"", "say \\\"hi\\\"", "say \"hi\""},
