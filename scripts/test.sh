@@ -27,7 +27,7 @@ build build-asan -DCMAKE_BUILD_TYPE=Debug -DVYR_SANITIZE=address
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 \
   LSAN_OPTIONS=suppressions=$ROOT/tests/support/lsan.supp:print_suppressions=0 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --output-on-failure -j "$JOBS")
+  ctest --output-on-failure -j "$JOBS" -LE once)
 
 echo "== ThreadSanitizer build (threaded tests)"
 # Only the threaded (namespace) tests run here, so only they are built.
