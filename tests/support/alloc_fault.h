@@ -16,24 +16,14 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdint>
 #include <functional>
-#include <new>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VYR_ALLOC_FAULT_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VYR_ALLOC_FAULT_SANITIZER 1
-#endif
-#endif
-#if defined(VYR_ALLOC_FAULT_SANITIZER) && !defined(VYR_ALLOC_FAULT_WRAP)
+#if (defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)) && \
+    !defined(VYR_ALLOC_FAULT_WRAP)
 #define VYR_ALLOC_FAULT_AVAILABLE 0
 #else
 #define VYR_ALLOC_FAULT_AVAILABLE 1
@@ -44,66 +34,67 @@ namespace alloc {
 namespace detail {
 
 // Blocks allocated while tracking: an open-addressing set of addresses with
-// tombstones, in static storage so that bookkeeping never allocates.
+// tombstones, in static storage so that bookkeeping never allocates. Members
+// are defined in the class to keep the short ones on one line.
 constexpr size_t kSlots = size_t(1) << 18;
 constexpr uintptr_t kTomb = 1;
 
 struct State {
     std::atomic<long> target{0}, calls{0};
-    std::atomic<bool> fired{false}, counting{false}, tracking{false}, overflow{false};
+    std::atomic<bool> fired{false}, counting{false}, tracking{false};
     pthread_t thread{};
     std::atomic_flag lock = ATOMIC_FLAG_INIT;
     uintptr_t crypto_begin = 0, crypto_end = 0;  // libcrypto's mapped code
     uintptr_t slots[kSlots] = {};
-    size_t live = 0;
-};
-inline State &state() {
-    static State s;  // constant-initialised: usable before main
-    return s;
-}
-struct Lock {
-    Lock() {
-        while (state().lock.test_and_set(std::memory_order_acquire)) {
+
+    static State &get() {
+        static State s;  // constant-initialised: usable before main
+        return s;
+    }
+    static size_t next(size_t i) { return (i + 1) & (kSlots - 1); }
+    static size_t slot_of(void *p) {
+        return (size_t)(((uintptr_t)p >> 4) * 0x9E3779B97F4A7C15ull) & (kSlots - 1);
+    }
+    void acquire() {
+        while (lock.test_and_set(std::memory_order_acquire)) {
         }
     }
-    ~Lock() { state().lock.clear(std::memory_order_release); }
+    void release() { lock.clear(std::memory_order_release); }
+    void track(void *p) {
+        if (!p || !tracking.load(std::memory_order_relaxed)) return;
+        acquire();
+        size_t i = slot_of(p);
+        for (size_t n = 0; n < kSlots && slots[i] > kTomb; ++n) i = next(i);
+        if (slots[i] <= kTomb) slots[i] = (uintptr_t)p;
+        release();
+    }
+    // True when the block was tracked (and is no longer).
+    bool untrack(void *p) {
+        if (!p) return false;
+        acquire();
+        size_t i = slot_of(p);
+        for (size_t n = 0; n < kSlots && slots[i] != 0 && slots[i] != (uintptr_t)p; ++n)
+            i = next(i);
+        bool found = slots[i] == (uintptr_t)p;
+        if (found) slots[i] = kTomb;
+        release();
+        return found;
+    }
+    // Counts one allocation of the armed thread; true when it is to fail.
+    bool should_fail(void *caller) {
+        if (!counting.load(std::memory_order_relaxed) || !pthread_equal(pthread_self(), thread))
+            return false;
+        if ((uintptr_t)caller >= crypto_begin && (uintptr_t)caller < crypto_end) return false;
+        if (++calls != target.load()) return false;
+        return fired = true;
+    }
 };
-inline size_t slot_of(uintptr_t p) {
-    return (size_t)((p >> 4) * 0x9E3779B97F4A7C15ull) & (kSlots - 1);
-}
-inline void track(void *ptr) {
-    State &s = state();
-    if (!ptr || !s.tracking.load(std::memory_order_relaxed)) return;
-    Lock lock;
-    for (size_t n = 0, i = slot_of((uintptr_t)ptr); n < kSlots; ++n, i = (i + 1) & (kSlots - 1))
-        if (s.slots[i] <= kTomb) {
-            s.slots[i] = (uintptr_t)ptr;
-            ++s.live;
-            return;
-        }
-    s.overflow = true;
-}
-// True when the block was tracked (and is no longer).
-inline bool untrack(void *ptr) {
-    State &s = state();
-    if (!ptr) return false;
-    Lock lock;
-    if (s.live == 0) return false;
-    for (size_t n = 0, i = slot_of((uintptr_t)ptr); n < kSlots && s.slots[i] != 0;
-         ++n, i = (i + 1) & (kSlots - 1))
-        if (s.slots[i] == (uintptr_t)ptr) {
-            s.slots[i] = kTomb;
-            --s.live;
-            return true;
-        }
-    return false;
-}
 
 // OpenSSL's method store keeps what a fetch half-built when one of its own
 // allocations fails: that is its cache, not ours, so its calls are left alone.
 inline int find_crypto(struct dl_phdr_info *info, size_t, void *) {
     if (!info->dlpi_name || !strstr(info->dlpi_name, "libcrypto.so")) return 0;
-    State &s = state();
+    State &s = State::get();
     for (int i = 0; i < info->dlpi_phnum; ++i) {
         const ElfW(Phdr) &ph = info->dlpi_phdr[i];
         if (ph.p_type != PT_LOAD) continue;
@@ -114,61 +105,37 @@ inline int find_crypto(struct dl_phdr_info *info, size_t, void *) {
     return 1;
 }
 
-// Counts one allocation of the armed thread; true when it is to fail.
-inline bool should_fail(void *caller) {
-    State &s = state();
-    if (!s.counting.load(std::memory_order_relaxed) || !pthread_equal(pthread_self(), s.thread))
-        return false;
-    if ((uintptr_t)caller >= s.crypto_begin && (uintptr_t)caller < s.crypto_end) return false;
-    if (++s.calls != s.target.load()) return false;
-    s.fired = true;
-    return true;
-}
-
 }  // namespace detail
 
 inline bool available() {
     return VYR_ALLOC_FAULT_AVAILABLE != 0;
 }
-// From now on the calling thread's allocations are counted and the k-th fails.
-inline void arm(long k) {
-    detail::State &s = detail::state();
+inline bool fired() {
+    return detail::State::get().fired;
+}
+// Tracked blocks not freed yet.
+inline std::vector<void *> live_blocks() {
+    std::vector<void *> blocks;
+    detail::State &s = detail::State::get();
+    s.acquire();
+    for (uintptr_t p : s.slots)
+        if (p > detail::kTomb) blocks.push_back((void *)p);
+    s.release();
+    return blocks;
+}
+
+// `call` with its k-th allocation (of this thread) failing.
+template <typename F>
+auto failing(long k, F call) {
+    detail::State &s = detail::State::get();
     if (!s.crypto_end) dl_iterate_phdr(detail::find_crypto, nullptr);
     s.thread = pthread_self();
     s.calls = 0;
     s.fired = false;
     s.target = k;
     s.counting = true;
-}
-inline void disarm() {
-    detail::state().counting = false;
-}
-inline bool fired() {
-    return detail::state().fired;
-}
-inline long calls() {
-    return detail::state().calls;
-}
-// Tracked blocks not freed yet (SIZE_MAX when the table overflowed), and their addresses.
-inline size_t live() {
-    detail::Lock lock;
-    return detail::state().overflow ? SIZE_MAX : detail::state().live;
-}
-inline std::vector<void *> live_blocks() {
-    std::vector<void *> blocks;
-    blocks.reserve(64);
-    detail::Lock lock;
-    for (uintptr_t p : detail::state().slots)
-        if (p > detail::kTomb) blocks.push_back((void *)p);
-    return blocks;
-}
-
-// `call` with its k-th allocation failing.
-template <typename F>
-auto failing(long k, F call) {
-    arm(k);
     auto result = call();
-    disarm();
+    s.counting = false;
     return result;
 }
 
@@ -177,21 +144,16 @@ auto failing(long k, F call) {
 // nothing allocated (a body frees what the code under test keeps on purpose).
 // Returns the allocations of the run that succeeded.
 inline long walk(const std::function<void(long k)> &body) {
-    detail::State &s = detail::state();
+    detail::State &s = detail::State::get();
     for (long k = 1; k < 100000; ++k) {
         SCOPED_TRACE("allocation " + std::to_string(k) + " fails");
-        {
-            detail::Lock lock;
-            memset(s.slots, 0, sizeof s.slots);
-            s.live = 0;
-            s.overflow = false;
-            s.tracking = true;
-        }
+        memset(s.slots, 0, sizeof s.slots);
+        s.tracking = true;
         body(k);
-        EXPECT_EQ(live(), 0u) << "blocks leaked";
+        EXPECT_EQ(live_blocks().size(), 0u) << "blocks leaked";
         s.tracking = false;
         if (::testing::Test::HasFatalFailure()) return -1;
-        if (!fired()) return calls();
+        if (!s.fired) return s.calls;
     }
     ADD_FAILURE() << "the walk did not end";
     return -1;
@@ -220,40 +182,41 @@ void *VYR_AF_NEXT(calloc)(size_t, size_t);
 void *VYR_AF_NEXT(realloc)(void *, size_t);
 void VYR_AF_NEXT(free)(void *);
 
-#define VYR_AF_FAIL_HERE                                                    \
-    if (vyrtest::alloc::detail::should_fail(__builtin_return_address(0))) { \
-        errno = ENOMEM;                                                     \
-        return nullptr;                                                     \
+#define VYR_AF_STATE vyrtest::alloc::detail::State::get()
+#define VYR_AF_FAIL_HERE                                         \
+    if (VYR_AF_STATE.should_fail(__builtin_return_address(0))) { \
+        errno = ENOMEM;                                          \
+        return nullptr;                                          \
     }
 
 void *VYR_AF(malloc)(size_t size) VYR_AF_NOEXCEPT {
     VYR_AF_FAIL_HERE
     void *p = VYR_AF_NEXT(malloc)(size);
-    vyrtest::alloc::detail::track(p);
+    VYR_AF_STATE.track(p);
     return p;
 }
 void *VYR_AF(calloc)(size_t count, size_t size) VYR_AF_NOEXCEPT {
     VYR_AF_FAIL_HERE
     void *p = VYR_AF_NEXT(calloc)(count, size);
-    vyrtest::alloc::detail::track(p);
+    VYR_AF_STATE.track(p);
     return p;
 }
 void *VYR_AF(realloc)(void *old, size_t size) VYR_AF_NOEXCEPT {
     if (old && size == 0) {  // a free in disguise
-        vyrtest::alloc::detail::untrack(old);
+        VYR_AF_STATE.untrack(old);
         return VYR_AF_NEXT(realloc)(old, size);
     }
     VYR_AF_FAIL_HERE
     // Only a tracked (or fresh) block stays tracked: growing an older block
     // belongs to its older owner.
-    bool was_tracked = vyrtest::alloc::detail::untrack(old);
+    bool was_tracked = VYR_AF_STATE.untrack(old);
     void *p = VYR_AF_NEXT(realloc)(old, size);
-    if (!p && was_tracked) vyrtest::alloc::detail::track(old);
-    if (p && (!old || was_tracked)) vyrtest::alloc::detail::track(p);
+    if (!p && was_tracked) VYR_AF_STATE.track(old);
+    if (p && (!old || was_tracked)) VYR_AF_STATE.track(p);
     return p;
 }
 void VYR_AF(free)(void *p) VYR_AF_NOEXCEPT {
-    vyrtest::alloc::detail::untrack(p);
+    VYR_AF_STATE.untrack(p);
     VYR_AF_NEXT(free)(p);
 }
 char *VYR_AF(strdup)(const char *text) VYR_AF_NOEXCEPT {
@@ -265,38 +228,25 @@ char *VYR_AF(strdup)(const char *text) VYR_AF_NOEXCEPT {
     char *copy = (char *)__libc_malloc(n);
     if (copy) memcpy(copy, text, n);
 #endif
-    vyrtest::alloc::detail::track(copy);
+    VYR_AF_STATE.track(copy);
     return copy;
 }
 }  // extern "C"
 
 #ifndef VYR_ALLOC_FAULT_WRAP
-// C++ allocations bypass the counting (see above).
+// C++ allocations bypass the counting (see above); libstdc++'s array, nothrow
+// and sized forms forward to these.
 void *operator new(size_t size) {
     if (void *p = __libc_malloc(size ? size : 1)) return p;
     throw std::bad_alloc();
 }
-void *operator new[](size_t size) {
-    return operator new(size);
-}
-void *operator new(size_t size, const std::nothrow_t &) noexcept {
-    return __libc_malloc(size ? size : 1);
-}
-void *operator new[](size_t size, const std::nothrow_t &) noexcept {
-    return __libc_malloc(size ? size : 1);
-}
 void operator delete(void *p) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void *p) noexcept {
     __libc_free(p);
 }
 void operator delete(void *p, size_t) noexcept {
     __libc_free(p);
 }
-void operator delete[](void *p, size_t) noexcept {
-    __libc_free(p);
-}
 #endif
 #undef VYR_AF_FAIL_HERE
+#undef VYR_AF_STATE
 #endif  // VYR_ALLOC_FAULT_AVAILABLE

@@ -2,7 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <sstream>
+#include <mutex>
 
 namespace vyrtest {
 namespace {
@@ -42,31 +42,9 @@ std::vector<LogLine> LogCapture::lines() const {
     return g_lines;
 }
 
-size_t LogCapture::count(int level, const std::string &text) const {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    size_t n = 0;
-    for (const auto &l : g_lines)
-        if (l.level == level && l.text == text) ++n;
-    return n;
-}
-
-bool LogCapture::contains_fragment(const std::string &fragment) const {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (const auto &l : g_lines)
-        if (l.text.find(fragment) != std::string::npos) return true;
-    return false;
-}
-
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_lines.clear();
-}
-
-std::string LogCapture::dump() const {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    std::ostringstream out;
-    for (const auto &l : g_lines) out << "  <" << l.level << "> " << l.text << "\n";
-    return out.str();
 }
 
 }  // namespace vyrtest

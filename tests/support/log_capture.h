@@ -1,9 +1,7 @@
 // Captures log lines through the logger's registered log function.
 #pragma once
 
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "vyr_logger.h"
@@ -20,17 +18,25 @@ class LogCapture {
   public:
     explicit LogCapture(int level = VYR_LOG_LEVEL_DEBUG);
     ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
 
     std::vector<LogLine> lines() const;
+    void clear();
     // Lines of exactly this level and text.
-    size_t count(int level, const std::string &text) const;
+    size_t count(int level, const std::string &text) const {
+        size_t n = 0;
+        for (const auto &l : lines()) n += l.level == level && l.text == text;
+        return n;
+    }
     bool contains(int level, const std::string &text) const { return count(level, text) > 0; }
     // Any line (any level) holding `fragment`.
-    bool contains_fragment(const std::string &fragment) const;
-    void clear();
-    std::string dump() const;  // for failure messages
+    bool contains_fragment(const std::string &fragment) const {
+        return dump().find(fragment) != std::string::npos;
+    }
+    std::string dump() const {  // for failure messages
+        std::string out;
+        for (const auto &l : lines()) out += "  <" + std::to_string(l.level) + "> " + l.text + "\n";
+        return out;
+    }
 };
 
 }  // namespace vyrtest

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,6 @@ struct TempFile {
         write_file(path, content);
     }
     ~TempFile() { unlink(path.c_str()); }
-    TempFile(const TempFile &) = delete;
-    TempFile &operator=(const TempFile &) = delete;
     std::string read() const { return read_file(path); }
 };
 
@@ -52,8 +51,6 @@ struct TempDir {
             path.c_str(), [](const char *p, const struct stat *, int, FTW *) { return remove(p); },
             8, FTW_DEPTH | FTW_PHYS);
     }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
     std::string file(const std::string &name, const std::string &content) const {
         write_file(path + "/" + name, content);
         return path + "/" + name;
@@ -68,32 +65,21 @@ class ScopedEnv {
         for (const char *name : cleared) set(name, nullptr);
     }
     ~ScopedEnv() {
-        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-            if (it->was_set)
-                setenv(it->name.c_str(), it->value.c_str(), 1);
-            else
-                unsetenv(it->name.c_str());
-        }
+        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it)
+            put(it->first, it->second.has_value() ? it->second->c_str() : nullptr);
     }
-    ScopedEnv(const ScopedEnv &) = delete;
-    ScopedEnv &operator=(const ScopedEnv &) = delete;
     // nullptr unsets.
     void set(const std::string &name, const char *value) {
         const char *old = getenv(name.c_str());
-        saved_.push_back({name, old != nullptr, old ? old : ""});
-        if (value)
-            setenv(name.c_str(), value, 1);
-        else
-            unsetenv(name.c_str());
+        saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+        put(name, value);
     }
 
   private:
-    struct Saved {
-        std::string name;
-        bool was_set;
-        std::string value;
-    };
-    std::vector<Saved> saved_;
+    static void put(const std::string &name, const char *value) {
+        value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
+    }
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
 };
 
 // Owns a json_t for one scope.
@@ -101,14 +87,11 @@ struct Json {
     json_t *v;
     explicit Json(json_t *value) : v(value) {}
     ~Json() { json_decref(v); }
-    Json(const Json &) = delete;
-    Json &operator=(const Json &) = delete;
 };
 
 // A heap text taken over and freed; "<null>" for none.
 inline std::string take(char *text) {
-    if (!text) return "<null>";
-    std::string out(text);
+    std::string out(text ? text : "<null>");
     free(text);
     return out;
 }

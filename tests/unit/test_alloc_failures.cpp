@@ -36,13 +36,13 @@ const vyr_type_field_info_t kFields[] = {
 // Adding a 3-field type: the record, its field array and name, then per field
 // its record and copies of name, description (when there is one) and type name.
 std::string add_type_message(long k) {
-    if (k == 1) return "[vyr_schema_add_type] cannot allocate type definition";
-    if (k <= 3) return "[vyr_schema_add_type] cannot allocate fields for type definition";
-    return "[vyr_schema_add_type] cannot get type definition from fields_info[" +
-           std::to_string(k <= 7    ? 0
-                          : k <= 10 ? 1
-                                    : 2) +
-           "]";
+    return k == 1   ? "[vyr_schema_add_type] cannot allocate type definition"
+           : k <= 3 ? "[vyr_schema_add_type] cannot allocate fields for type definition"
+                    : "[vyr_schema_add_type] cannot get type definition from fields_info[" +
+                          std::to_string(k <= 7    ? 0
+                                         : k <= 10 ? 1
+                                                   : 2) +
+                          "]";
 }
 
 struct Op {
@@ -59,15 +59,6 @@ const Op kOps[] = {
          EXPECT_EQ(ok, !fired());
          EXPECT_EQ(d->table->size, ok ? 4u : 3u);
          for (const char *key : {"k1", "k2", "k3"}) EXPECT_STREQ(vyr_dict_get(d, key), key);
-         vyr_dict_delete(d);
-     }},
-    {"dictionary copy",
-     [](long k) {
-         vyr_dict_t *d = vyr_dict_create();
-         for (const char *key : {"a", "b", "c", "d", "e"}) vyr_dict_add(d, key, key);
-         vyr_dict_t *copy = failing(k, [&] { return vyr_dict_dup(d); });
-         EXPECT_EQ(copy == nullptr, fired());
-         vyr_dict_delete(copy);
          vyr_dict_delete(d);
      }},
     {"comma split",
@@ -89,9 +80,9 @@ const Op kOps[] = {
          vyrtest::LogCapture log;
          uint8_t index = 99;
          int rc = failing(k, [&] { return vyr_schema_add_type(s, "t", kFields, 3, &index); });
-         EXPECT_EQ(rc, fired() ? VYR_SCHEMA_ADD_ALLOC : VYR_SCHEMA_ADD_OK);
-         EXPECT_EQ(s->num_types, fired() ? 1 : 2);
-         EXPECT_EQ(index, fired() ? 99 : 1);
+         EXPECT_EQ(std::make_tuple(rc, s->num_types, index),
+                   fired() ? std::make_tuple(VYR_SCHEMA_ADD_ALLOC, 1, uint8_t(99))
+                           : std::make_tuple(VYR_SCHEMA_ADD_OK, 2, uint8_t(1)));
          EXPECT_EQ(problems(log), fired() ? Lines{add_type_message(k)} : Lines{});
          vyr_destroy_type_system(ts);
      }},
@@ -111,16 +102,6 @@ const Op kOps[] = {
          free(got);
          vyr_destroy_type_system(ts);
      }},
-    {"built-in types into a schema",
-     [](long k) {
-         vyr_schema_t *s = vyr_create_schema("<built-in>", 1);
-         int ok = failing(k, [&] { return vyr_schema_register_builtin_types(s); });
-         EXPECT_EQ(ok, fired() ? 0 : 1);
-         int made = 0;  // the types made before a failure stay countable
-         while (made < VYR_MAX_TYPES && s->types[made]) ++made;
-         EXPECT_EQ(s->num_types, made);
-         vyr_destroy_schema(s);
-     }},
     {"type system create",
      [](long k) {
          vyr_type_system_t *ts = failing(k, vyr_create_type_system);
@@ -133,9 +114,9 @@ const Op kOps[] = {
          uint8_t index = 99;
          vyr_schema_t *s =
              failing(k, [&] { return vyr_type_system_add_schema(ts, "p", 1, &index); });
-         EXPECT_EQ(s == nullptr, fired());
-         EXPECT_EQ(ts->num_schemas, s ? 1 : 0);
-         EXPECT_EQ(index, s ? 0 : 99);
+         EXPECT_EQ(std::make_tuple(s == nullptr, ts->num_schemas, index),
+                   fired() ? std::make_tuple(true, 0, uint8_t(99))
+                           : std::make_tuple(false, 1, uint8_t(0)));
          vyr_destroy_type_system(ts);
      }},
     {"type system from JSON",
@@ -153,21 +134,6 @@ const Op kOps[] = {
          char *again = ts ? vyr_type_system_serialize(ts, 0) : nullptr;
          EXPECT_TRUE((again && text == again) || !lines.empty()) << "silent loss";
          free(again);
-         vyr_destroy_type_system(ts);
-     }},
-    {"schema from JSON text",
-     [](long k) {
-         static const std::string text = vyrtest::unit::golden("tarvik_basic.compact.json");
-         vyr_type_system_t *ts = vyr_create_type_system();
-         vyrtest::LogCapture log;
-         uint8_t index = 99;
-         int rc = failing(k, [&] {
-             return vyr_type_system_add_schema_from_serialized_json(ts, text.c_str(), &index);
-         });
-         Lines lines = problems(log);
-         EXPECT_EQ(ts->num_schemas, rc == 0 ? 1 : 0);
-         EXPECT_EQ(index, rc == 0 ? 0 : 99);
-         EXPECT_TRUE(rc == -1 ? !lines.empty() : rc == 0 && ts->schemas[0]->num_types == 1);
          vyr_destroy_type_system(ts);
      }},
     {"default source array",

@@ -60,9 +60,9 @@ TEST_F(SchemaTest, FieldsArePackedWithoutPadding) {
                  {1, 1, 50, 4, vyr_schema_find_type_definition(builtin, "int")}};
     for (const auto &c : cases) {
         const vyr_type_field_definition_t *f = schema->types[c.type]->fields[c.field];
-        EXPECT_EQ(f->offset, c.offset) << c.type << "." << c.field;
-        EXPECT_EQ(f->type_size, c.size) << c.type << "." << c.field;
-        EXPECT_EQ(f->type_definition, c.definition) << c.type << "." << c.field;
+        EXPECT_EQ(std::make_tuple(f->offset, f->type_size, f->type_definition),
+                  std::make_tuple(c.offset, c.size, c.definition))
+            << c.type << "." << c.field;
     }
     EXPECT_EQ(schema->types[0]->size, 25u);
     EXPECT_EQ(vyr_schema_sizeof_type(schema, "b"), 54u);
@@ -119,20 +119,16 @@ TEST_F(SchemaTest, TypeLimitIs254) {
 TEST_F(SchemaTest, IndexFieldsFollowTheNameOrderAndReadBackInFieldOrder) {
     ASSERT_EQ(add("t", {field("y", "int"), field("x", "int")}), 0);
     const char *names[] = {"x", "missing", "y"};
-    {
-        LogCapture log;
-        EXPECT_EQ(vyr_schema_set_field_indexes(schema, 0, names, 3), 0);
-        EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG,
-                                 "Mismatch in assigned indices: expected 3, but assigned 2 (t)."))
-            << log.dump();
-    }
-    EXPECT_EQ(schema->types[0]->fields[0]->index, 2);
-    EXPECT_EQ(schema->types[0]->fields[1]->index, 1);
+    LogCapture log;
+    EXPECT_EQ(vyr_schema_set_field_indexes(schema, 0, names, 3), 0);
+    EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG,
+                             "Mismatch in assigned indices: expected 3, but assigned 2 (t)."));
     size_t count = 99;
     const char **indexed = vyr_schema_get_indexed_fields(schema, 0, &count);
-    ASSERT_EQ(count, 2u);
-    EXPECT_STREQ(indexed[0], "y");
-    EXPECT_STREQ(indexed[1], "x");
+    std::string got = std::to_string(schema->types[0]->fields[0]->index) + "," +
+                      std::to_string(schema->types[0]->fields[1]->index);
+    for (size_t i = 0; i < count; ++i) got += std::string(" ") + indexed[i];
+    EXPECT_EQ(got, "2,1 y x");
     free(indexed);
 }
 
@@ -172,14 +168,15 @@ TEST(SchemaId, TextFormsCopiesAndBlob) {
           "e9dec1fa2dfaf27564098809ba5ac4700", "e9dec1fa2dfaf27564098809ba5ac47g"})
         EXPECT_EQ(vyr_schema_from_id_string(bad, id), 0) << (bad ? bad : "null");
     vyr_schema_id_set_blob(id);
-    EXPECT_EQ(memcmp(id, "BLOB_DATA_SCHEMA", 16), 0);
-    EXPECT_EQ(vyr_schema_id_is_blob(id), 1);
     vyr_copy_schema_id(b, id);
-    EXPECT_EQ(vyr_compare_schema_id(id, b), 0);
-    b[15] = 'B';
-    EXPECT_LT(vyr_compare_schema_id(id, b), 0);  // last byte A < B
+    const int same = vyr_compare_schema_id(id, b);
+    b[15] = 'B';  // last byte A < B
+    const int less = vyr_compare_schema_id(id, b) < 0;
     vyr_reset_schema_id(b);
-    EXPECT_EQ(vyr_schema_id_is_unset(b), 1);
+    EXPECT_EQ(std::string((const char *)id, 16) + std::to_string(vyr_schema_id_is_blob(id)) +
+                  std::to_string(same) + std::to_string(less) +
+                  std::to_string(vyr_schema_id_is_unset(b)),
+              "BLOB_DATA_SCHEMA1011");
 }
 
 TEST(Version, TextAndCompatibility) {
@@ -209,8 +206,7 @@ TEST_F(SchemaTest, LoadFromFileResolvesAgainstTheParent) {
     ASSERT_EQ(vyr_schema_update_md5(schema), 1);
 
     vyr_schema_t *loaded = vyr_schema_load_from_file(file.path.c_str(), builtin);
-    ASSERT_NE(loaded, nullptr);
-    ASSERT_EQ(loaded->num_types, 2);
+    ASSERT_EQ(loaded ? loaded->num_types : -1, 2);
     EXPECT_EQ(loaded->types[1]->fields[0]->type_definition, loaded->types[0]);
     EXPECT_STREQ(loaded->md5_string, schema->md5_string);
     vyr_destroy_schema(loaded);

