@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "log_capture.h"
 #include "tarvik_collect.h"
 #include "sim.h"
@@ -26,7 +24,6 @@ TEST(LineByOffset, ReadsOneLineFromTheOffset) {
         {"a,b\n", 100, ""},
         {"h\nno newline at end", 2, "no newline at end"},
         {"hdr\n" + huge + "\nnext\n", 4, huge},
-        {"hdr\n1,2\n", 4, "1,2"},
         {"hdr\n" + std::string(65536, 'x'), 4, std::string(65536, 'x')},
     };
     const std::string path = dir.path + "/f.csv";
@@ -51,12 +48,10 @@ TEST(LineByOffset, WhatIsNotARegularFileIsNotOpened) {
          {dir.path + "/missing.csv", dir.path, dir.path + "/fifo", dir.path + "/socket", link}) {
         vyrtest::LogCapture log;
         std::string line = "kept";
-        EXPECT_FALSE(get_csv_line_by_offset(path.c_str(), 2, line)) << path;
-        EXPECT_EQ(line, "kept");
-        EXPECT_TRUE(log.contains(4,
-                                 "[tarvik provider] [get_csv_line_by_offset] Could not open "
-                                 "file " +
-                                     path + ".  Will retry later"));
+        EXPECT_TRUE(!get_csv_line_by_offset(path.c_str(), 2, line) && line == "kept") << path;
+        EXPECT_TRUE(
+            log.contains(4, "[tarvik provider] [get_csv_line_by_offset] Could not open file " +
+                                path + ".  Will retry later"));
     }
 }
 
