@@ -23,8 +23,7 @@ typedef void (*any_fn)(void *, void *, void *, void *, void *, void *);
 std::vector<std::string> exported(const std::string &library) {
     std::vector<std::string> names;
     FILE *nm = popen(("nm -D --defined-only " + library).c_str(), "r");
-    char line[512], kind;
-    char name[400];
+    char line[512], kind, name[400];
     while (nm && fgets(line, sizeof line, nm))
         if (sscanf(line, "%*s %c %399s", &kind, name) == 2 && kind == 'T' &&
             std::string(name).rfind("_Z", 0) != 0)  // C++ entries take references
@@ -43,20 +42,15 @@ TEST(NullArguments, EveryExportedFunctionReturns) {
         dlsym(handle, "construct_event_provider"));
     ASSERT_NE(construct, nullptr);
     vyr_event_provider_t *d = construct(nullptr);
-    const std::pair<const char *, void *> callbacks[] = {{"initialize", (void *)d->initialize},
-                                                         {"start", (void *)d->start},
-                                                         {"write_events", (void *)d->write_events},
-                                                         {"stop", (void *)d->stop},
-                                                         {"destroy", (void *)d->destroy},
-                                                         {"get_sources", (void *)d->get_sources},
-                                                         {"query", (void *)d->query}};
     ASSERT_GT(names.size(), 100u);
-    for (const auto &c : callbacks) names.push_back(c.first);
-    for (const std::string &name : names) {
-        void *sym = dlsym(handle, name.c_str());
-        for (const auto &c : callbacks)
-            if (name == c.first) sym = c.second;
-        any_fn fn = reinterpret_cast<any_fn>(sym);
+    std::vector<void *> syms;
+    for (const std::string &name : names) syms.push_back(dlsym(handle, name.c_str()));
+    for (void *cb : {(void *)d->initialize, (void *)d->start, (void *)d->write_events,
+                     (void *)d->stop, (void *)d->destroy, (void *)d->get_sources, (void *)d->query})
+        names.push_back("callback " + std::to_string(syms.size())), syms.push_back(cb);
+    for (size_t i = 0; i < names.size(); ++i) {
+        const std::string &name = names[i];
+        any_fn fn = reinterpret_cast<any_fn>(syms[i]);
         ASSERT_NE(fn, nullptr) << name;
         fflush(nullptr);
         pid_t pid = fork();
