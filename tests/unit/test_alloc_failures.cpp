@@ -136,6 +136,19 @@ const Op kOps[] = {
          free(again);
          vyr_destroy_type_system(ts);
      }},
+    {"type system to JSON",
+     [](long k) {
+         static const std::string text =
+             R"({"name":"Vyrhub type system","version":"1.5.0","schemas":[)" +
+             vyrtest::unit::golden("two_types.compact.json") + "]}";
+         vyr_type_system_t *ts = vyr_type_system_deserialize(text.c_str());
+         char *again = failing(k, [&] { return vyr_type_system_serialize(ts, 0); });
+         // A schema whose JSON form cannot be made is left out, so only the
+         // unhindered run is compared; a failed one must leave nothing behind.
+         EXPECT_TRUE(fired() || (again && text == again));
+         free(again);
+         vyr_destroy_type_system(ts);
+     }},
     {"default source array",
      [](long k) {
          // The third allocation is the scratch name of the VYR_SOURCE_ID

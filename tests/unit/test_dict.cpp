@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 
 #include "unit_helpers.h"
 #include "vyr_dict.h"
@@ -123,6 +124,28 @@ TEST(Dict, ValuesCopiesEnumAndDump) {
     EXPECT_EQ(vyrtest::unit::texts(log),
               (std::vector<std::string>{"config map values: ", "key=  val=changed",
                                         "key=key  val=(null)"}));
+}
+
+// Long keys with bytes above 127: each lies on the probe path that the
+// byte-at-a-time X31 hash gives it, before any empty bucket.
+TEST(Dict, EveryKeyLiesOnItsX31ProbePath) {
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> byte(1, 255), len(1, 40);
+    Dict d;
+    for (int n = 0; n < 3000; ++n) {
+        std::string key(static_cast<size_t>(len(rng)), ' ');
+        for (char &c : key) c = static_cast<char>(byte(rng));
+        ASSERT_TRUE(vyr_dict_add(d.d, key.c_str(), key.c_str()));
+    }
+    const uint32_t mask = d.t()->n_buckets - 1;
+    for (const auto &[key, bucket] : d.buckets()) {
+        uint32_t h = 0, step = 0;
+        for (unsigned char c : key) h = h * 31 + c;
+        uint32_t i = h & mask;
+        while (i != bucket && !(d.flags(i) & 2)) i = (i + ++step) & mask;
+        ASSERT_EQ(i, bucket) << "key of length " << key.size();
+        EXPECT_STREQ(vyr_dict_get(d.d, key.c_str()), key.c_str());
+    }
 }
 
 }  // namespace
