@@ -41,5 +41,5 @@ cmake --build build-tsan -j "$JOBS" --target "${THREADED[@]}"
 # with VYR_FUZZ_SECONDS=<seconds per target>); longer runs belong to fuzz/run.sh.
 if [ -n "${CI:-}" ] || [ -n "${VYR_FUZZ_SECONDS:-}" ]; then
   echo "== fuzz targets (libFuzzer, ASan+UBSan)"
-  VYR_FUZZ_BUILD_DIR=$ROOT/build-fuzz VYR_FUZZ_JOBS=$JOBS bash fuzz/run.sh "${VYR_FUZZ_SECONDS:-10}"
+  VYR_FUZZ_BUILD_DIR=$ROOT/build-fuzz VYR_FUZZ_JOBS=$JOBS bash fuzz/run.sh "${VYR_FUZZ_SECONDS:-20}"
 fi
