@@ -22,7 +22,9 @@ expect_eq "./etc/default/vyrhost
 ./usr/bin/vyrhost
 ./usr/lib/ARCH/libtarvik_provider.so.1 -> libtarvik_provider.so.1.0.0
 ./usr/lib/ARCH/libtarvik_provider.so.1.0.0
+./usr/share/doc/vyrhost/README.md.gz
 ./usr/share/doc/vyrhost/copyright
+./usr/share/doc/vyrhost/deploy.md.gz
 ./usr/share/man/man1/vyrhost.1.gz" "$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6 ($7 ? " " $7 " " $8 : "")}' |
     grep -v changelog | sed 's|/usr/lib/[^/]*/|/usr/lib/ARCH/|' | sort)" "files of $deb"
 expect_eq "/etc/default/vyrhost
