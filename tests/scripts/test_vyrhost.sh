@@ -4,7 +4,7 @@
 # vyrhost against the simulated adapters, inside a private namespace: the
 # one-line explanations of what can go wrong before any event flows, the
 # schema it prints, JSON over two intervals, a buffer grown to a 10,000-column
-# event, inf and nan in the exposition, and SIGINT in service mode.
+# event, and SIGINT in service mode.
 source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 in_namespace
 
@@ -22,13 +22,6 @@ expect_failure "vyrhost: the plug-in refused its settings: stoi failed (a settin
     --set tarvik_max_errors=abc
 PHYPROBE_SIM_FAIL_HEADER_RUN=5 expect_failure \
     "vyrhost: initialization failed: no device gave a usable header (header run for arx0 failed with exit status 5; header run for arx1 failed with exit status 5; header run for tdg0 failed with exit status 5)"
-# A second Ctrl-C while header runs hang ends vyrhost at once, without
-# blaming the devices for dying of the first one.
-PHYPROBE_SIM_HANG=10 "$VYRHOST" "${ONESHOT[@]}" >out.txt 2>err.txt &
-pid=$!
-sleep 1 && kill -INT "$pid" && sleep 0.5 && kill -INT "$pid"
-wait_exit "$pid" 2
-expect_eq "130 vyrhost: second signal, exiting without waiting for the plug-in" "$EXIT_STATUS $(cat err.txt)" "second SIGINT"
 # One device without a header is only a note; the others are collected.
 PHYPROBE_SIM_FAIL_HEADER_RUN__tdg0=7 "$VYRHOST" "${ONESHOT[@]}" --count 2 >out.txt 2>err.txt
 expect_eq "0 vyrhost: note: header run for tdg0 failed with exit status 7; that device will not be collected 2" \
@@ -52,14 +45,6 @@ size=$(sed -n 's/.*largest event (\([0-9]*\) bytes.*/\1/p' err.txt)
 expect_eq "0 vyrhost: note: --buffer-size 65536 is too small for the largest event ($size bytes plus a 16-byte block header); using $((size + 16))" \
     "$? $(cat err.txt)" "the buffer grows to the largest event"
 grep -q '"device_name":"arx0".*"c9999":[0-9]*}$' big.jsonl || fail "no 10,000-column event: $(head -c 300 big.jsonl)"
-# Double columns that turn to inf and nan after the header run.
-PHYPROBE_SIM_STATE_DIR=/tmp/odd PHYPROBE_SIM_HEADER_LINE='Device,Gain,Loss,Drift' PHYPROBE_SIM_VALUE_LINE='{dev},1.5,2.5,3.5' \
-    PHYPROBE_SIM_LATER_VALUE_LINE='{dev},inf,-inf,nan' \
-    "$VYRHOST" "${ONESHOT[@]}" --set tarvik_devices=arx1 --format prometheus --count 1 >odd.txt 2>err.txt
-promtool check metrics <odd.txt >check.txt 2>&1 || fail "inf and nan: $(cat check.txt)"
-expect_eq 'tarvik_gain{device="arx1",interface="eth1"} +Inf
-tarvik_loss{device="arx1",interface="eth1"} -Inf
-tarvik_drift{device="arx1",interface="eth1"} NaN' "$(grep -E '^tarvik_(gain|loss|drift)' odd.txt)" "inf and nan in the exposition"
 
 "$VYRHOST" --set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=1 --log-level 6 >service.jsonl 2>service.err &
 pid=$!

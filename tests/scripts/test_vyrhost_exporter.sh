@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # test_vyrhost_exporter.sh REPO BUILD
 #
-# vyrhost --listen, adapters collected every second: the routes curl sees, a
-# scrape promtool finds clean, a real Prometheus server scraping it with the
-# alert rules loaded and healthy, a port somebody else holds, SIGINT.
+# vyrhost --listen, adapters collected every second: status and media type
+# of /metrics, a scrape promtool finds clean, a real Prometheus server
+# scraping it, a port somebody else holds, SIGINT.
 # Skipped (77) without the prometheus package.
 source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 skip_without prometheus promtool
@@ -23,26 +23,17 @@ target=${base#http://}
 curl -s -D headers.txt -o /dev/null "$URL"
 expect_eq "HTTP/1.1 200 OK|Content-Type: text/plain; version=0.0.4; charset=utf-8" \
     "$(grep -i '^HTTP\|^content-type:' headers.txt | tr -d '\r' | paste -sd'|')" "status and media type of /metrics"
-expect_eq "200 vyrhost: the plug-in's Prometheus metrics are at /metrics" \
-    "$(curl -s -w '%{http_code} ' -o root.txt "$base/" && tr -d '\n' <root.txt)" "GET /"
-expect_eq "404 405 200" "$(for a in "$base/nothing" "-X POST $URL" "-I $URL"; do
-    curl -s -o /dev/null -w '%{http_code}\n' $a; done | xargs)" "404, POST, HEAD"
 
 port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
-echo "{global: {scrape_interval: 1s, evaluation_interval: 1s}, rule_files: ['$REPO/deploy/prometheus/vyrhost_rules.yml'],
+echo "{global: {scrape_interval: 1s, evaluation_interval: 1s},
     scrape_configs: [{job_name: v, static_configs: [{targets: ['$target']}]}]}" >prometheus.yml
 prometheus --config.file=prometheus.yml --storage.tsdb.path=/tmp/prometheus-data \
     --web.listen-address="127.0.0.1:$port" >prometheus.log 2>&1 &
 server=$!
-api() { curl -sf "http://127.0.0.1:$port/api/v1/$1" "${@:2}"; }
-up='[.data.result[] | "\(.metric.device)=\(.value[1])"] | sort | join(" ")'
-for _ in $(seq 60); do
-    [ "$(api query --data-urlencode query=tarvik_device_up | jq -r "$up")" = "arx0=1 arx1=1 tdg0=1" ] && break
-    sleep 0.5
-done
-expect_eq "arx0=1 arx1=1 tdg0=1" "$(api query --data-urlencode query=tarvik_device_up | jq -r "$up")" "tarvik_device_up in Prometheus"
-expect_eq "$(grep -c '^ *- alert:' "$REPO/deploy/prometheus/vyrhost_rules.yml") ok" \
-    "$(api rules | jq -r '[.data.groups[].rules[]] | "\(length) \(map(.health) | unique | join(","))"')" "rules loaded and their health"
+up() { curl -sf "http://127.0.0.1:$port/api/v1/query?query=tarvik_device_up" |
+    jq -r '[.data.result[] | "\(.metric.device)=\(.value[1])"] | sort | join(" ")'; }
+for _ in $(seq 60); do [ "$(up)" = "arx0=1 arx1=1 tdg0=1" ] && break || sleep 0.5; done
+expect_eq "arx0=1 arx1=1 tdg0=1" "$(up)" "tarvik_device_up in Prometheus"
 curl -sf "$URL" >scrape.txt && promtool check metrics <scrape.txt >check.txt 2>&1 || fail "scrape: $(cat check.txt)"
 
 "$VYRHOST" "${ONESHOT[@]}" --listen "$target" >/dev/null 2>busy.txt
