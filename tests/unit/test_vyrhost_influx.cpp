@@ -36,20 +36,16 @@ TEST(VyrhostInflux, LinesWithEveryFieldKind) {
     e.device = "arx 0";
     e.type = schema->types[0];
     e.record.assign(e.type->size, 0);
-    uint64_t stamp = 1700000000123456, count = 42, big = UINT64_MAX;
-    int32_t neg = -7;
-    double ber = 2.5e-10, nan = std::nan("");
-    uint32_t lanes[2] = {3, 4};
+    const auto raw = [](auto v) { return std::string(reinterpret_cast<char *>(&v), sizeof v); };
     const std::pair<const char *, std::string> values[] = {
-        {"timestamp", std::string(reinterpret_cast<char *>(&stamp), 8)},
+        {"timestamp", raw(uint64_t{1700000000123456})},
         {"Note", "say \"hi\"\nC:\\tmp\\"},
-        {"a b,c=d", std::string(reinterpret_cast<char *>(&count), 8)},
-        {"neg", std::string(reinterpret_cast<char *>(&neg), 4)},
-        {"ber", std::string(reinterpret_cast<char *>(&ber), 8)},
-        {"nan", std::string(reinterpret_cast<char *>(&nan), 8)},
-        {"lane", std::string(reinterpret_cast<char *>(lanes), 8)},
-        {"big", std::string(reinterpret_cast<char *>(&big), 8)},
-    };
+        {"a b,c=d", raw(uint64_t{42})},
+        {"neg", raw(int32_t{-7})},
+        {"ber", raw(2.5e-10)},
+        {"nan", raw(std::nan(""))},
+        {"lane", raw(uint64_t{3} | uint64_t{4} << 32)},
+        {"big", raw(UINT64_MAX)}};
     for (const auto &[name, bytes] : values)
         memcpy(e.record.data() + find_field(e.type, name)->offset, bytes.data(), bytes.size());
     EXPECT_EQ(
