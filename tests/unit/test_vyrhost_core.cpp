@@ -1,19 +1,17 @@
-// vyrhost's own logic: decoding event blocks, the three renderings, the
-// command line and the explanations of a failed start.
+// vyrhost's own logic: decoding event blocks, the three renderings (the metric
+// model through a golden exposition), the command line and the explanations
+// of a failed start.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "test_paths.h"
 #include "vyr_serializer.h"
 #include "vyr_type_system.h"
-#include "vyrhost_metrics.h"
 #include "vyrhost_options.h"
 #include "vyrhost_render.h"
 
@@ -26,8 +24,9 @@ using Strings = std::vector<std::string>;
 const auto raw = [](auto v) { return std::string(reinterpret_cast<char *>(&v), sizeof v); };
 
 // One schema with the plug-in's record shape (the three leading fields, a
-// lane counter, an unknown double, a text and a reading typed as text), and
-// a second type whose fields clash with names vyrhost writes or each other.
+// lane counter, an unknown double, a text and a reading typed as text), a
+// second type whose fields clash with names vyrhost writes or each other,
+// and a third whose names walk the metric table's rules.
 struct Fixture {
     vyr_type_system_t *ts = vyr_create_type_system();
     vyr_schema_t *schema = nullptr;
