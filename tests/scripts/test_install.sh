@@ -1,68 +1,47 @@
 #!/usr/bin/env bash
 # test_install.sh REPO BUILD
 #
-# `cmake --install` into a fresh prefix, then a tiny host from outside the
-# project built against what was installed, once with pkg-config and once
-# with find_package, and run against the simulated adapters.
-set -u
-REPO=${1:?usage: test_install.sh REPO BUILD}
-BUILD=${2:?usage: test_install.sh REPO BUILD}
+# `cmake --install` into a fresh prefix; a tiny host from outside the project
+# built with pkg-config against what was installed runs against the simulated
+# adapters. The installed vyrhost
+# loads the library of its own prefix and never one planted where a search
+# could stray (beside the prefix, the working directory, LD_LIBRARY_PATH);
+# without its own library it refuses. The normal build only (label "once").
+source "${1:?usage: $0 REPO BUILD}/tests/scripts/vyrhost_env.sh" "$@"
 WORK=$BUILD/install-test
-
-if [ "${3:-}" = --run ]; then
-    source "$REPO/tests/scripts/vyrhost_env.sh"
-    cd /tmp
-    setup_three_devices
-    for host in "$WORK/host_pkgconfig" "$WORK/cmake-build/external_host"; do
-        "$host" >host.txt 2>host.err
-        expect_eq 0 $? "status of $host"
-        grep -Eq '^schema tarvik [0-9a-f]{32}$' host.txt || fail "$host: no schema line: $(cat host.txt)"
-        for d in arx0 arx1 tdg0; do
-            grep -q "^event tarvik_event_[01] $d$" host.txt || fail "$host: no event of $d: $(cat host.txt)"
-        done
+PREFIX=$WORK/nest/prefix
+if [ "${VYR_TEST_NAMESPACE:-}" != 1 ]; then
+    rm -rf "$WORK" && mkdir -p "$WORK/nest/plant"
+    cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" || { cat "$WORK/install.log" && exit 1; }
+    # The host below uses the library, the headers and the .pc file.
+    ls "$PREFIX"/lib/cmake/tarvik_provider/tarvik_provider{Config,ConfigVersion,Targets}.cmake >/dev/null || fail "CMake package"
+    # Installed under another prefix than the configured one: the .pc file
+    # finds its prefix from where it lies.
+    flags=$(PKG_CONFIG_PATH=$PREFIX/lib/pkgconfig pkg-config --cflags --libs tarvik_provider) || fail "pkg-config"
+    cc -std=c11 -Wall -Wextra -Werror "$REPO/tests/scripts/external_host/host.c" $flags \
+        -Wl,-rpath,"$PREFIX/lib" -o "$WORK/host_pkgconfig" || fail "building the host with pkg-config flags: $flags"
+    echo '#include <unistd.h>
+__attribute__((constructor)) static void planted(void) { write(2, "PLANTED\n", 8); _exit(99); }' >"$WORK/planted.c"
+    cc -shared -fPIC -o "$WORK/planted.so" "$WORK/planted.c" || fail "cannot build the planted library"
+    name=$(basename "$PREFIX"/lib/libtarvik_provider.so.?)
+    for dir in "$WORK" "$WORK/nest" "$WORK/nest/plant" "$PREFIX" "$PREFIX/bin"; do
+        cp "$WORK/planted.so" "$dir/$name" && cp "$WORK/planted.so" "$dir/${name%.*}"
     done
-    finish
+    [ "$failures" -eq 0 ] || finish
+    in_namespace
 fi
+setup_three_devices
+"$WORK/host_pkgconfig" >host.txt 2>host.err
+expect_eq "0 3" "$? $(grep -Eo '^event tarvik_event_[01] (arx0|arx1|tdg0)$' host.txt | sort -u | wc -l)" \
+    "outside host: status, devices: $(cat host.txt host.err)"
 
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-rm -rf "$WORK"
-mkdir -p "$WORK"
-PREFIX=$WORK/prefix
-cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" || { cat "$WORK/install.log"; exit 1; }
-for f in lib/libtarvik_provider.so lib/libtarvik_provider.so.1 bin/vyrhost \
-    include/vyr/vyr_event_provider.h include/vyr/vyr_serializer.h include/vyr/vyr_logger.h \
-    lib/pkgconfig/tarvik_provider.pc lib/cmake/tarvik_provider/tarvik_providerConfig.cmake \
-    lib/cmake/tarvik_provider/tarvik_providerConfigVersion.cmake \
-    lib/cmake/tarvik_provider/tarvik_providerTargets.cmake; do
-    [ -e "$PREFIX/$f" ] || fail "not installed: $f"
-done
-
-# A sanitizer build installs an instrumented library; the host must match it.
-sanitize=$(sed -n 's/^VYR_SANITIZE:STRING=//p' "$BUILD/CMakeCache.txt")
-case "$sanitize" in
-address) SANFLAGS="-fsanitize=address,undefined" ;;
-thread) SANFLAGS="-fsanitize=thread" ;;
-*) SANFLAGS="" ;;
-esac
-
-# The tree was installed under another prefix than the configured one: the
-# .pc file finds its prefix from where it lies.
-export PKG_CONFIG_PATH=$PREFIX/lib/pkgconfig
-flags=$(pkg-config --cflags --libs tarvik_provider) || fail "pkg-config tarvik_provider"
-cc -std=c11 -Wall -Wextra -Werror $SANFLAGS "$REPO/tests/scripts/external_host/host.c" $flags \
-    -Wl,-rpath,"$PREFIX/lib" -o "$WORK/host_pkgconfig" || fail "building the host with pkg-config flags: $flags"
-
-cmake -S "$REPO/tests/scripts/external_host" -B "$WORK/cmake-build" -DCMAKE_PREFIX_PATH="$PREFIX" \
-    -DCMAKE_C_FLAGS="$SANFLAGS" -DCMAKE_EXE_LINKER_FLAGS="$SANFLAGS" >"$WORK/cmake.log" 2>&1 &&
-    cmake --build "$WORK/cmake-build" >>"$WORK/cmake.log" 2>&1 ||
-    fail "building the host with find_package: $(tail -20 "$WORK/cmake.log")"
-
-if [ "$failures" -ne 0 ]; then
-    echo "$failures check(s) failed" >&2
-    exit 1
-fi
-exec "$REPO/tests/support/ns_run.sh" bash "$0" "$REPO" "$BUILD" --run
+cd "$WORK/nest/plant"
+own=$(readlink -f "$PREFIX"/lib/libtarvik_provider.so.1)
+LD_LIBRARY_PATH=$PWD "$PREFIX/bin/vyrhost" "${ONESHOT[@]}" --count 3 --log-level 6 >events.txt 2>err.txt
+expect_eq "0 1 0 3" "$? $(grep -cF "[vyrhost] loaded $own" err.txt) $(grep -c PLANTED err.txt) $(wc -l <events.txt)" \
+    "installed vyrhost: status, its own library loaded, planted ones not, events"
+mv "$own" "$WORK/moved.so"
+"$PREFIX/bin/vyrhost" "${ONESHOT[@]}" --count 3 >events.txt 2>err.txt
+expect_eq "1 vyrhost: no provider library beside vyrhost (looked for $PREFIX/bin/../lib/libtarvik_provider.so.1); build the tarvik_provider target or name one with --library PATH" \
+    "$? $(cat err.txt)" "refusal without its own library"
+finish

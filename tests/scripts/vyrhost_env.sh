@@ -6,28 +6,16 @@ set -u
 REPO=${1:?usage: $0 REPO BUILD}
 BUILD=${2:?usage: $0 REPO BUILD}
 VYRHOST=$BUILD/tools/vyrhost/vyrhost
-SCRIPTS=$REPO/tests/scripts
 failures=0
-
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-expect_eq() { # expect_eq WANT GOT WHAT
-    [ "$1" = "$2" ] || fail "$3: got [$2], expected [$1]"
-}
-expect_contains() { # expect_contains FILE TEXT WHAT
-    grep -qF -- "$2" "$1" || fail "$3: [$2] not in $1: $(head -c 2000 "$1")"
-}
+fail() { echo "FAIL: $*" >&2 && failures=$((failures + 1)); }
+expect_eq() { [ "$1" = "$2" ] || fail "$3: got [$2], expected [$1]"; } # WANT GOT WHAT
 finish() {
     [ "$failures" -eq 0 ] || { echo "$failures check(s) failed" >&2 && exit 1; }
-    echo "ok" && exit 0
+    echo ok && exit 0
 }
-skip_without() { # skip_without PROGRAM...: exit 77 unless all are installed
+skip_without() { # exit 77 unless every PROGRAM is installed
     local p
-    for p; do
-        command -v "$p" >/dev/null || { echo "SKIP: $p is not installed (scripts/setup.sh)"; exit 77; }
-    done
+    for p; do command -v "$p" >/dev/null || { echo "SKIP: $p is not installed (scripts/setup.sh)" && exit 77; }; done
 }
 
 # in_namespace [net]: reruns the test in a private mount/PID namespace (the
@@ -48,28 +36,15 @@ setup_three_devices() {
     export ZDT_SIM_DEVICES="arx0,arcline,eth0;arx1,arcline,eth1;tdg0,tidegate,eth2"
     export PHYPROBE_SIM_HEADER__tdg0=alt
     zdt start >/dev/null || fail "zdt start"
-    local i
-    for i in 0 1 2; do
-        mkdir -p /sys/class/net/eth$i
-        echo 1 >/sys/class/net/eth$i/type
-    done
+    for i in 0 1 2; do mkdir -p /sys/class/net/eth$i && echo 1 >/sys/class/net/eth$i/type; done
 }
 
 # The collector settings most runs use: collect every 2 seconds, no service.
 ONESHOT=(--set tarvik_update_interval_sec=2 --set tarvik_phyprobe_as_service=0)
 
-# Waits (up to $2 seconds) until file $1 has at least $3 lines.
-wait_lines() {
-    local deadline=$((SECONDS + $2))
-    until [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$3" ]; do
-        [ "$SECONDS" -lt "$deadline" ] && sleep 0.2 || return 1
-    done
-}
-
 # wait_exit PID SECONDS: waits for background process PID to end (killing it
 # after SECONDS), EXIT_STATUS its status or "hung". Not in a subshell.
 wait_exit() {
-    local i
     for ((i = 0; i < $2 * 10; i++)); do
         [[ "$(ps -o stat= -p "$1")" =~ ^(Z.*)?$ ]] && { wait "$1"; EXIT_STATUS=$? && return; }
         sleep 0.1

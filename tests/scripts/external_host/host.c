@@ -21,31 +21,26 @@ int main(void) {
     vyr_dict_add(params, "tarvik_phyprobe_as_service", "0");
     vyr_event_provider_t *p = construct_event_provider(params);
     vyr_type_system_t *ts = vyr_create_type_system();
+    static uint8_t buf[65536];
     int events = 0;
-    if (p->initialize(p, ts) && p->start(p)) {
-        vyr_type_system_update_md5_hashes(ts);
-        printf("schema %s %s\n", ts->schemas[p->schema_index]->name,
-               ts->schemas[p->schema_index]->md5_string);
-        static uint8_t buf[65536];
-        for (int poll = 0; poll < 20 && events < 6; ++poll) {
-            sleep(1);
-            vyr_data_serializer_t ser = {ts->schemas, buf, sizeof buf, 0};
-            p->write_events(p, 0, &ser);
-            for (uint64_t at = 0; at + sizeof(vyr_event_block_header_t) <= ser.used;) {
-                vyr_event_block_header_t h;
-                memcpy(&h, buf + at, sizeof h);
-                const vyr_type_definition_t *type =
-                    ts->schemas[h.schema_index]->types[h.type_index];
-                for (at += sizeof h; h.count--; at += type->size, ++events) {
-                    json_t *fields = vyr_type_definition_jsonify_data(type, buf + at);
-                    printf("event %s %s\n", type->name,
-                           json_string_value(json_object_get(fields, "device_name")));
-                    json_decref(fields);
-                }
+    const int started = p->initialize(p, ts) && p->start(p);
+    for (int poll = 0; started && poll < 20 && events < 6; ++poll) {
+        sleep(1);
+        vyr_data_serializer_t ser = {ts->schemas, buf, sizeof buf, 0};
+        p->write_events(p, 0, &ser);
+        for (uint64_t at = 0; at < ser.used;) {
+            vyr_event_block_header_t h;
+            memcpy(&h, buf + at, sizeof h);
+            const vyr_type_definition_t *type = ts->schemas[h.schema_index]->types[h.type_index];
+            for (at += sizeof h; h.count--; at += type->size, ++events) {
+                json_t *fields = vyr_type_definition_jsonify_data(type, buf + at);
+                printf("event %s %s\n", type->name,
+                       json_string_value(json_object_get(fields, "device_name")));
+                json_decref(fields);
             }
         }
-        p->stop(p);
     }
+    if (started) p->stop(p);
     p->destroy(p);
     vyr_destroy_type_system(ts);
     vyr_dict_delete(params);
