@@ -135,7 +135,7 @@ TEST_F(DeviceUtils, ZdtDir) {
     for (const char *what : {"file", "char device", "link", "missing"}) {
         SCOPED_TRACE(what);
         sim::reset();
-        sim::set_zdt_devices("arx0,arcline,-");
+        setenv("ZDT_SIM_DEVICES", "arx0,arcline,-", 1);
         const std::string w = what;
         if (w == "file") sim::add_zdt_file("phyprobe_service_12");
         if (w == "char device") sim::add_zdt_char_device("arx0");

@@ -28,7 +28,6 @@ namespace {
 
 const char kZdtCallLog[] = "/tmp/zdt_sim_calls.log";
 const char kArgvLog[] = "/tmp/phyprobe_sim_argv.log";
-const char kFdLog[] = "/tmp/phyprobe_sim_fds.log";
 const char kReportFile[] = "/tmp/zdt_sim_report";
 
 void check(bool ok, const std::string &what) {
@@ -84,7 +83,7 @@ void reset() {
     for (const auto &entry : fs::directory_iterator("/tmp"))
         if (!entry.path().filename().string().rfind("tarvik_collect_", 0))
             fs::remove_all(entry.path());
-    for (const char *path : {kZdtCallLog, kArgvLog, kFdLog, kReportFile, "/tmp/.phyprobe_sim"})
+    for (const char *path : {kZdtCallLog, kArgvLog, kReportFile, "/tmp/.phyprobe_sim"})
         fs::remove_all(path);
     set_env("ZDT_SIM_CALL_LOG", kZdtCallLog);
     set_env("PHYPROBE_SIM_ARGV_LOG", kArgvLog);
@@ -106,10 +105,6 @@ void add_zdt_file(const std::string &name) {
     write_file(zdt_path(name), "");
 }
 
-void add_zdt_subdir(const std::string &name) {
-    check(mkdir(zdt_path(name).c_str(), 0755) == 0, "mkdir " + name);
-}
-
 std::vector<std::string> service_markers() {
     std::vector<std::string> markers;
     std::error_code ec;
@@ -124,16 +119,8 @@ void set_net_type(const std::string &ifname, const std::string &content) {
     write_text("/sys/class/net/" + ifname + "/type", content);
 }
 
-void remove_net(const std::string &ifname) {
-    fs::remove_all("/sys/class/net/" + ifname);
-}
-
 void set_link_layer(const std::string &hca, const std::string &content) {
     write_text("/sys/class/infiniband/" + hca + "/ports/1/link_layer", content);
-}
-
-void set_zdt_devices(const std::string &spec) {
-    set_env("ZDT_SIM_DEVICES", spec);
 }
 
 void set_zdt_report(const std::string &bytes) {
@@ -165,11 +152,6 @@ void set_phyprobe_knob(const std::string &knob, const std::string &value,
 
 std::vector<std::string> phyprobe_argv_log() {
     return read_lines(kArgvLog);
-}
-
-std::string enable_phyprobe_fd_log() {
-    set_env("PHYPROBE_SIM_FD_LOG", kFdLog);
-    return kFdLog;
 }
 
 bool make_special(const std::string &kind, const std::string &path) {

@@ -25,16 +25,13 @@ void remove_zdt_dir();
 void add_zdt_char_device(const std::string &name);  // the null device's numbers
 void add_zdt_symlink(const std::string &name, const std::string &target = "/dev/null");
 void add_zdt_file(const std::string &name);  // a regular file, which is no device
-void add_zdt_subdir(const std::string &name);
 std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries, sorted
 
 // sysfs: content is written verbatim ("1\n" is an Ethernet interface).
 void set_net_type(const std::string &ifname, const std::string &content);
-void remove_net(const std::string &ifname);
 void set_link_layer(const std::string &hca, const std::string &content);
 
 // The simulated zdt.
-void set_zdt_devices(const std::string &spec);  // ZDT_SIM_DEVICES, "name,type,ifname;..."
 void set_zdt_report(const std::string &bytes);  // "zdt status" prints these bytes verbatim
 std::vector<std::string> zdt_calls();           // one line per zdt run, e.g. "zdt status -v"
 
@@ -49,8 +46,6 @@ void add_device(const std::string &name, const std::string &type = "arcline",
 void set_phyprobe_knob(const std::string &knob, const std::string &value,
                        const std::string &device = "");
 std::vector<std::string> phyprobe_argv_log();  // one line per run: "phyprobe -d ..."
-// Turns the descriptor report on; returns the log's path.
-std::string enable_phyprobe_fd_log();
 
 // What is no regular file, anywhere: kind "fifo", "directory" or "socket"
 // (bound, then closed) at path. False when it could not be made.
