@@ -79,18 +79,7 @@ if [ "${1:-}" = "--inside" ]; then
     exit $?
 fi
 
-if [ $# -eq 0 ]; then
-    echo "usage: ns_run.sh COMMAND [ARGS...]" >&2
-    exit 2
-fi
-if [ "$(id -u)" -ne 0 ]; then
-    echo "ns_run.sh: needs root to create a private mount+PID namespace (uid $(id -u))" >&2
-    exit 77
-fi
-if ! command -v unshare >/dev/null 2>&1; then
-    echo "ns_run.sh: unshare (util-linux) is not installed" >&2
-    exit 77
-fi
+# Without root or unshare (util-linux) the probe fails: the test is skipped.
 if ! probe=$(unshare --mount --pid --fork --mount-proc --propagation private true 2>&1 </dev/null); then
     echo "ns_run.sh: cannot create a private mount+PID namespace: $probe" >&2
     exit 77
