@@ -114,26 +114,17 @@ class ProviderTest : public ::testing::Test {
         return names;
     }
     tarvik_provider_dev_info_t &dev(const std::string &name) { return p->devices.at(name); }
-    uint64_t stamp(const std::string &name) {  // the device's event time
-        uint64_t t = 0;
-        if (dev(name).event_cache) memcpy(&t, dev(name).event_cache, 8);
-        return t;
-    }
-    // One collection pass; the healthy devices' events must be newer than
-    // before and reach the host. In service mode nothing rewrites the files
-    // between passes, so the healthy devices' tool is run first.
+    // One collection pass; the healthy devices' events must reach the host
+    // newer than before. In service mode nothing rewrites the files between
+    // passes, so the healthy devices' tool is run first.
     void pass(const std::vector<std::string> &healthy = {"good"}) {
-        std::map<std::string, uint64_t> before;
-        for (const auto &h : healthy) {
+        for (const auto &h : healthy)
             EXPECT_TRUE(!p->run_as_service || system(dev(h).command) == 0);
-            before[h] = stamp(h);
-        }
+        auto before = drain();
         tarvik_collect_pass(p);
-        for (const auto &h : healthy) {
-            const uint64_t now = stamp(h);
-            EXPECT_GT(now, before[h]) << h << " did not get a fresh event";
-            EXPECT_EQ(drain()[h.substr(0, 63)], now) << h << "'s event did not reach the host";
-        }
+        auto now = drain();
+        for (const auto &h : healthy)
+            EXPECT_GT(now[h.substr(0, 63)], before[h.substr(0, 63)]) << h << " got no fresh event";
     }
 
     tarvik_provider_t *p = nullptr;
