@@ -31,6 +31,7 @@ class ProviderAllocFailures : public vyrtest::ProviderTest {
         ASSERT_TRUE(initialize());
         tarvik_collect_pass(p);
         vyr_type_system_update_md5_hashes(ts);
+        drain();
         release();
     }
     void TearDown() override {
@@ -75,23 +76,12 @@ TEST_F(ProviderAllocFailures, InitializeFailsCleanlyOrDisablesTheDevice) {
                   vyrtest::LogCapture log;
                   const bool ok = alloc::failing(k, [&] { return initialize(); });
                   EXPECT_TRUE(ok || alloc::fired());
-                  // Each device is ready to collect or disabled; what is left runs.
+                  // What is left runs: after a pass every ready device's event
+                  // reaches the host.
+                  if (ok) vyr_type_system_update_md5_hashes(ts), tarvik_collect_pass(p);
                   size_t ready = 0;
-                  for (auto &e : p->devices)
-                      if (ok && !e.second.disabled) {
-                          ++ready;
-                          EXPECT_TRUE(e.second.event_cache && e.second.header_id &&
-                                      p->type_infos.count(e.second.header_id))
-                              << e.first;
-                      }
-                  if (ok) {
-                      tarvik_collect_pass(p);
-                      vyr_type_system_update_md5_hashes(ts);
-                      uint8_t buf[4096];
-                      vyr_data_serializer_t ser{ts->schemas, buf, sizeof buf, 0};
-                      EXPECT_EQ(p->provider.write_events(&p->provider, 0, &ser), 0);
-                      EXPECT_EQ(ser.used == 0, ready == 0);
-                  }
+                  for (auto &e : p->devices) ready += ok && !e.second.disabled;
+                  EXPECT_EQ(ok ? drain().size() : 0u, ready);
                   release_and_check(log);
               }),
               40);
