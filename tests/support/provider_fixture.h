@@ -108,11 +108,6 @@ class ProviderTest : public ::testing::Test {
         started = false;
         return p->provider.stop(&p->provider);
     }
-    std::vector<std::string> device_names() const {
-        std::vector<std::string> names;
-        for (auto &e : p->devices) names.push_back(e.first);
-        return names;
-    }
     tarvik_provider_dev_info_t &dev(const std::string &name) { return p->devices.at(name); }
     // One collection pass; the healthy devices' events must reach the host
     // newer than before. In service mode nothing rewrites the files between

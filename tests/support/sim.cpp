@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -88,7 +87,6 @@ std::vector<std::string> service_markers() {
     for (const auto &entry : fs::directory_iterator("/dev/zdt"))
         if (!entry.path().filename().string().rfind("phyprobe_service_", 0))
             markers.push_back(entry.path().filename().string());
-    std::sort(markers.begin(), markers.end());
     return markers;
 }
 

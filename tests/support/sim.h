@@ -24,7 +24,7 @@ void reset();
 void add_zdt_char_device(const std::string &name);  // the null device's numbers
 void add_zdt_symlink(const std::string &name);      // to /dev/null
 void add_zdt_file(const std::string &name);         // a regular file, which is no device
-std::vector<std::string> service_markers();         // the phyprobe_service_<pid> entries, sorted
+std::vector<std::string> service_markers();         // the phyprobe_service_<pid> entries
 
 // sysfs: content is written verbatim ("1\n" is an Ethernet interface).
 void set_net_type(const std::string &ifname, const std::string &content);
