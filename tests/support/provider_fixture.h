@@ -6,18 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "log_capture.h"
 #include "sim.h"
@@ -29,19 +23,13 @@
 
 namespace vyrtest {
 
-// Waits for what the simulators make true; a guard against hangs, never a
-// timing assertion.
+// A guard against hangs, never a timing assertion.
 inline bool eventually(const std::function<bool()> &pred, int seconds = 30) {
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < until) {
-        if (pred()) return true;
+    for (int i = 0; !pred(); ++i) {
+        if (i == seconds * 50) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return pred();
-}
-
-inline size_t count_lines(const std::vector<std::string> &lines, const std::string &text) {
-    return std::count(lines.begin(), lines.end(), text);
+    return true;
 }
 
 // The argv the simulated phyprobe logs for a device's one-shot run.
@@ -50,80 +38,10 @@ inline std::string one_shot_argv(const std::string &dev) {
            ".csv --tarvik_rewrite";
 }
 
-// Text of at most n bytes up to the first zero byte.
 inline std::string text_at(const uint8_t *p, size_t n = 64) {
     return std::string(reinterpret_cast<const char *>(p),
                        strnlen(reinterpret_cast<const char *>(p), n));
 }
-
-// A host that drains write_events with room for one event at a time, as a
-// collector with a small buffer does, and checks every event it receives.
-// Files written with the value line "{run},{dev}_{run}_x,{run}" carry the run
-// number in "seq", "seq2" and "note", so an event copied while it was being
-// converted would show two different runs.
-class Host {
-  public:
-    Host(tarvik_provider_t *p, vyr_type_system_t *ts)
-        : p_(p), ts_(ts), thread_([this] { loop(); }) {}
-    ~Host() {
-        running_ = false;
-        thread_.join();
-    }
-    bool delivered(const std::string &dev, uint64_t stamp) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stamps_.count(dev.substr(0, 63)) && stamps_.at(dev.substr(0, 63)).count(stamp);
-    }
-    size_t distinct_stamps(const std::string &dev) const {  // the event holds 63 bytes of the name
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stamps_.count(dev.substr(0, 63)) ? stamps_.at(dev.substr(0, 63)).size() : 0;
-    }
-
-  private:
-    void loop() {
-        std::vector<uint8_t> buf(16 + vyr_type_system_get_max_event_type_size(ts_));
-        vyr_data_serializer_t ser{ts_->schemas, buf.data(), buf.size(), 0};
-        while (running_) {
-            ser.used = 0;
-            int rc = p_->provider.write_events(&p_->provider, 0, &ser);
-            EXPECT_GE(rc, 0);
-            if (ser.used) check(buf.data());
-            if (rc != 1) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    }
-    void check(const uint8_t *block) {
-        vyr_event_block_header_t h;
-        memcpy(&h, block, sizeof h);
-        EXPECT_TRUE(vyr_magic_value_match_type(h.magic, 'E') && h.count == 1);
-        const vyr_type_definition_t *t = ts_->schemas[h.schema_index]->types[h.type_index];
-        std::map<std::string, std::string> v;  // every field as text, without CRs
-        for (int i = 0; i < t->num_fields; ++i) {
-            const vyr_type_field_definition_t *f = t->fields[i];
-            uint64_t n;
-            memcpy(&n, block + sizeof h + f->offset, 8);
-            std::string name = f->field_name, text = strcmp(f->type_name, "char")
-                                                         ? std::to_string(n)
-                                                         : text_at(block + sizeof h + f->offset);
-            for (std::string *s : {&name, &text})
-                s->erase(std::remove(s->begin(), s->end(), '\r'), s->end());
-            v[name] = text;
-        }
-        const std::string dev = v["device_name"], seq = v["seq"];
-        EXPECT_EQ(v["event_name"], "tarvik_event");
-        EXPECT_EQ(v.count("seq2") ? v["seq2"] : seq, seq) << dev << ": torn event";
-        EXPECT_TRUE(seq.empty() || v["note"].rfind(dev + "_", 0) ||
-                    v["note"] == dev + "_" + seq + "_x")
-            << dev << ": torn event, seq " << seq << ", note " << v["note"];
-        std::lock_guard<std::mutex> lock(mutex_);
-        stamps_[dev].insert(std::stoull(v["timestamp"]));
-    }
-
-    tarvik_provider_t *p_;
-    vyr_type_system_t *ts_;
-    std::atomic<bool> running_{true};
-    mutable std::mutex mutex_;
-    std::map<std::string, std::set<uint64_t>> stamps_;
-    std::thread thread_;  // last: starts once everything above exists
-};
 
 class ProviderTest : public ::testing::Test {
   protected:
@@ -132,7 +50,6 @@ class ProviderTest : public ::testing::Test {
         p = tarvik_provider_instance();
         params = vyr_dict_create();
         ts = vyr_create_type_system();
-        ASSERT_NE(ts, nullptr);
     }
     void TearDown() override {
         release();
@@ -142,7 +59,6 @@ class ProviderTest : public ::testing::Test {
     }
     // Stops the threads and the host, and releases the provider and the type system.
     void release() {
-        host.reset();  // first: it must not call into a destroyed provider
         if (started) stop();
         for (auto &e : p->devices) free(e.second.service_command);  // destroy keeps these
         tarvik_provider_destroy(&p->provider);
@@ -163,13 +79,27 @@ class ProviderTest : public ::testing::Test {
         return construct_event_provider(params);
     }
     bool initialize() { return p->provider.initialize(&p->provider, ts); }
-    // initialize, then a host starts draining events.
-    void host_up() {
+    void bring_up() {  // ready for a host to drain events
+        construct();
         ASSERT_TRUE(initialize());
         vyr_type_system_update_md5_hashes(ts);
-        host.reset(new Host(p, ts));
     }
-    void bring_up() { construct(), host_up(); }
+    // What a host with room for one event at a time receives now: each
+    // device's event time. (A host that copied an event while it was being
+    // converted is what the thread sanitizer build reports.)
+    std::map<std::string, uint64_t> drain() {
+        std::map<std::string, uint64_t> got;
+        std::vector<uint8_t> buf(16 + vyr_type_system_get_max_event_type_size(ts));
+        for (int rc = 1; rc == 1;) {
+            vyr_data_serializer_t ser{ts->schemas, buf.data(), buf.size(), 0};
+            EXPECT_GE(rc = p->provider.write_events(&p->provider, 0, &ser), 0);
+            const uint8_t *e = buf.data() + sizeof(vyr_event_block_header_t);
+            if (!ser.used) continue;
+            EXPECT_EQ(text_at(e + 8), "tarvik_event");
+            memcpy(&got[text_at(e + 72)], e, 8);
+        }
+        return got;
+    }
     void start() {
         ASSERT_TRUE(p->provider.start(&p->provider));
         started = true;
@@ -178,46 +108,23 @@ class ProviderTest : public ::testing::Test {
         started = false;
         return p->provider.stop(&p->provider);
     }
-    // Seconds a call takes; only a hang would break a bound on it.
-    static double seconds(const std::function<void()> &call) {
-        auto t0 = std::chrono::steady_clock::now();
-        call();
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    }
-    std::vector<std::string> device_names() const {
-        std::vector<std::string> names;
-        for (auto &e : p->devices) names.push_back(e.first);
-        return names;
-    }
     tarvik_provider_dev_info_t &dev(const std::string &name) { return p->devices.at(name); }
-    // A device's event time; for the thread that runs the passes, so without the lock.
-    uint64_t stamp(const std::string &name) {
-        uint64_t t = 0;
-        if (dev(name).event_cache) memcpy(&t, dev(name).event_cache, 8);
-        return t;
-    }
-    // One collection pass; the healthy devices' events must be newer than
-    // before and reach the host. In service mode nothing rewrites the files
-    // between passes, so the healthy devices' tool is run first.
+    // One collection pass; the healthy devices' events must reach the host
+    // newer than before. In service mode nothing rewrites the files between
+    // passes, so the healthy devices' tool is run first.
     void pass(const std::vector<std::string> &healthy = {"good"}) {
-        std::map<std::string, uint64_t> before;
-        for (const auto &h : healthy) {
-            EXPECT_TRUE(!p->run_as_service || system(dev(h).command) == 0);  // as its service would
-            before[h] = stamp(h);
-        }
+        for (const auto &h : healthy)
+            EXPECT_TRUE(!p->run_as_service || system(dev(h).command) == 0);
+        auto before = drain();
         tarvik_collect_pass(p);
-        for (const auto &h : healthy) {
-            uint64_t now = stamp(h);
-            EXPECT_GT(now, before[h]) << h << " did not get a fresh event";
-            EXPECT_TRUE(eventually([&] { return host->delivered(h, now); }, 10))
-                << h << "'s event never reached the host";
-        }
+        auto now = drain();
+        for (const auto &h : healthy)
+            EXPECT_GT(now[h.substr(0, 63)], before[h.substr(0, 63)]) << h << " got no fresh event";
     }
 
     tarvik_provider_t *p = nullptr;
     vyr_dict_t *params = nullptr;
     vyr_type_system_t *ts = nullptr;
-    std::unique_ptr<Host> host;
     bool started = false;
 
   private:

@@ -2,16 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/statfs.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,9 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char kZdtCallLog[] = "/tmp/zdt_sim_calls.log";
-const char kArgvLog[] = "/tmp/phyprobe_sim_argv.log";
-const char kFdLog[] = "/tmp/phyprobe_sim_fds.log";
+const char kZdtCallLog[] = "/tmp/zdt_sim_calls.log", kArgvLog[] = "/tmp/phyprobe_sim_argv.log";
 const char kReportFile[] = "/tmp/zdt_sim_report";
 
 void check(bool ok, const std::string &what) {
@@ -40,20 +34,6 @@ void check(bool ok, const std::string &what) {
 bool is_tmpfs(const char *path) {
     struct statfs st;
     return statfs(path, &st) == 0 && st.f_type == 0x01021994;
-}
-
-void set_env(const std::string &name, const std::string &value) {
-    check(setenv(name.c_str(), value.c_str(), 1) == 0, "setenv " + name);
-}
-
-std::string zdt_path(const std::string &name) {
-    check(!name.empty() && name.find('/') == std::string::npos, "bad /dev/zdt entry name");
-    return "/dev/zdt/" + name;
-}
-
-void write_text(const std::string &path, const std::string &content) {
-    fs::create_directories(fs::path(path).parent_path());
-    write_file(path, content);
 }
 
 std::vector<std::string> read_lines(const std::string &path) {
@@ -84,75 +64,51 @@ void reset() {
     for (const auto &entry : fs::directory_iterator("/tmp"))
         if (!entry.path().filename().string().rfind("tarvik_collect_", 0))
             fs::remove_all(entry.path());
-    for (const char *path : {kZdtCallLog, kArgvLog, kFdLog, kReportFile, "/tmp/.phyprobe_sim"})
+    for (const char *path : {kZdtCallLog, kArgvLog, kReportFile, "/tmp/.phyprobe_sim"})
         fs::remove_all(path);
-    set_env("ZDT_SIM_CALL_LOG", kZdtCallLog);
-    set_env("PHYPROBE_SIM_ARGV_LOG", kArgvLog);
-}
-
-void remove_zdt_dir() {
-    fs::remove_all("/dev/zdt");
+    setenv("ZDT_SIM_CALL_LOG", kZdtCallLog, 1);
+    setenv("PHYPROBE_SIM_ARGV_LOG", kArgvLog, 1);
 }
 
 void add_zdt_char_device(const std::string &name) {
-    check(mknod(zdt_path(name).c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0, "mknod " + name);
+    check(mknod(("/dev/zdt/" + name).c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0, "mknod " + name);
 }
 
-void add_zdt_symlink(const std::string &name, const std::string &target) {
-    check(symlink(target.c_str(), zdt_path(name).c_str()) == 0, "symlink " + name);
+void add_zdt_symlink(const std::string &name) {
+    check(symlink("/dev/null", ("/dev/zdt/" + name).c_str()) == 0, "symlink " + name);
 }
 
 void add_zdt_file(const std::string &name) {
-    write_file(zdt_path(name), "");
-}
-
-void add_zdt_subdir(const std::string &name) {
-    check(mkdir(zdt_path(name).c_str(), 0755) == 0, "mkdir " + name);
+    write_file("/dev/zdt/" + name, "");
 }
 
 std::vector<std::string> service_markers() {
     std::vector<std::string> markers;
-    std::error_code ec;
-    for (const auto &entry : fs::directory_iterator("/dev/zdt", ec))
+    for (const auto &entry : fs::directory_iterator("/dev/zdt"))
         if (!entry.path().filename().string().rfind("phyprobe_service_", 0))
             markers.push_back(entry.path().filename().string());
-    std::sort(markers.begin(), markers.end());
     return markers;
 }
 
 void set_net_type(const std::string &ifname, const std::string &content) {
-    write_text("/sys/class/net/" + ifname + "/type", content);
-}
-
-void remove_net(const std::string &ifname) {
-    fs::remove_all("/sys/class/net/" + ifname);
-}
-
-void set_link_layer(const std::string &hca, const std::string &content) {
-    write_text("/sys/class/infiniband/" + hca + "/ports/1/link_layer", content);
-}
-
-void set_zdt_devices(const std::string &spec) {
-    set_env("ZDT_SIM_DEVICES", spec);
+    fs::create_directories("/sys/class/net/" + ifname);
+    write_file("/sys/class/net/" + ifname + "/type", content);
 }
 
 void set_zdt_report(const std::string &bytes) {
     write_file(kReportFile, bytes);
-    set_env("ZDT_SIM_REPORT_FILE", kReportFile);
+    setenv("ZDT_SIM_REPORT_FILE", kReportFile, 1);
 }
 
 std::vector<std::string> zdt_calls() {
     return read_lines(kZdtCallLog);
 }
 
-void add_device(const std::string &name, const std::string &type, const std::string &ifname,
-                int link_type) {
-    fs::create_directories("/dev/zdt");
+void add_device(const std::string &name, const std::string &type) {
     add_zdt_char_device(name);
-    if (!ifname.empty()) set_net_type(ifname, std::to_string(link_type) + "\n");
     const char *old = getenv("ZDT_SIM_DEVICES");
-    set_env("ZDT_SIM_DEVICES", (old && *old ? std::string(old) + ";" : "") + name + "," + type +
-                                   "," + (ifname.empty() ? "-" : ifname));
+    setenv("ZDT_SIM_DEVICES",
+           ((old && *old ? std::string(old) + ";" : "") + name + "," + type + ",-").c_str(), 1);
 }
 
 // The simulator's key: every byte of the device outside [A-Za-z0-9_] becomes '_'.
@@ -160,16 +116,11 @@ void set_phyprobe_knob(const std::string &knob, const std::string &value,
                        const std::string &device) {
     std::string var = "PHYPROBE_SIM_" + knob + (device.empty() ? "" : "__");
     for (char c : device) var += isalnum((unsigned char)c) || c == '_' ? c : '_';
-    set_env(var, value);
+    setenv(var.c_str(), value.c_str(), 1);
 }
 
 std::vector<std::string> phyprobe_argv_log() {
     return read_lines(kArgvLog);
-}
-
-std::string enable_phyprobe_fd_log() {
-    set_env("PHYPROBE_SIM_FD_LOG", kFdLog);
-    return kFdLog;
 }
 
 bool make_special(const std::string &kind, const std::string &path) {

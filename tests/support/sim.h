@@ -21,36 +21,27 @@ namespace sim {
 void reset();
 
 // /dev/zdt and its entries.
-void remove_zdt_dir();
 void add_zdt_char_device(const std::string &name);  // the null device's numbers
-void add_zdt_symlink(const std::string &name, const std::string &target = "/dev/null");
-void add_zdt_file(const std::string &name);  // a regular file, which is no device
-void add_zdt_subdir(const std::string &name);
-std::vector<std::string> service_markers();  // the phyprobe_service_<pid> entries, sorted
+void add_zdt_symlink(const std::string &name);      // to /dev/null
+void add_zdt_file(const std::string &name);         // a regular file, which is no device
+std::vector<std::string> service_markers();         // the phyprobe_service_<pid> entries
 
 // sysfs: content is written verbatim ("1\n" is an Ethernet interface).
 void set_net_type(const std::string &ifname, const std::string &content);
-void remove_net(const std::string &ifname);
-void set_link_layer(const std::string &hca, const std::string &content);
 
 // The simulated zdt.
-void set_zdt_devices(const std::string &spec);  // ZDT_SIM_DEVICES, "name,type,ifname;..."
 void set_zdt_report(const std::string &bytes);  // "zdt status" prints these bytes verbatim
 std::vector<std::string> zdt_calls();           // one line per zdt run, e.g. "zdt status -v"
 
-// One adapter as the system would show it: a /dev/zdt character device, an
-// entry in ZDT_SIM_DEVICES and, when ifname is not empty, the interface's
-// sysfs type (1 = Ethernet). type is a ZDT_SIM_DEVICES type or alias.
-void add_device(const std::string &name, const std::string &type = "arcline",
-                const std::string &ifname = "", int link_type = 1);
+// One adapter as the system would show it: a /dev/zdt character device and
+// an entry in ZDT_SIM_DEVICES (type is one of its types or aliases).
+void add_device(const std::string &name, const std::string &type = "arcline");
 
 // The simulated phyprobe: PHYPROBE_SIM_<knob>, or PHYPROBE_SIM_<knob>__<device>
 // when a device is given.
 void set_phyprobe_knob(const std::string &knob, const std::string &value,
                        const std::string &device = "");
 std::vector<std::string> phyprobe_argv_log();  // one line per run: "phyprobe -d ..."
-// Turns the descriptor report on; returns the log's path.
-std::string enable_phyprobe_fd_log();
 
 // What is no regular file, anywhere: kind "fifo", "directory" or "socket"
 // (bound, then closed) at path. False when it could not be made.
