@@ -14,6 +14,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <jansson.h>
 #include <link.h>
 #include <pthread.h>
 #include <string.h>
@@ -145,6 +146,17 @@ auto failing(long k, F call) {
 // Returns the allocations of the run that succeeded.
 inline long walk(const std::function<void(long k)> &body) {
     detail::State &s = detail::State::get();
+    // jansson's allocations go through the counted calls too, also where the
+    // link wraps only the calls of the library and the test.
+    struct JsonAlloc {
+        json_malloc_t m;
+        json_free_t f;
+        JsonAlloc() {
+            json_get_alloc_funcs(&m, &f);
+            json_set_alloc_funcs([](size_t n) { return malloc(n); }, [](void *p) { free(p); });
+        }
+        ~JsonAlloc() { json_set_alloc_funcs(m, f); }
+    } json_alloc;
     for (long k = 1; k < 100000; ++k) {
         SCOPED_TRACE("allocation " + std::to_string(k) + " fails");
         memset(s.slots, 0, sizeof s.slots);

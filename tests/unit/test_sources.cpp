@@ -41,14 +41,12 @@ TEST_F(Sources, RangeTexts) {
     };
     std::vector<Case> cases = {
         {"3", {"node1_1", "node1_2", "node1_3"}},
-        {"0-1", {"node1_0", "node1_1"}},
         {"rack[0x3-4]", {"rack_3", "rack_4"}},
         {"r-a[1-2]", {"r-a_1", "r-a_2"}},  // a "-" in the prefix is not the separator
-        {"[7-7]", {"_7"}},
     };
     // "a[1-2" has one bracket, so it is the A-B form and "a[1" does not convert.
-    for (const char *text : {"rack[4-3]", "-3", "3-", "0", "abc", "", "1-x", "5 ", "a[1-2", "x]1-2",
-                             "rack[1-]", "rack]1-2[", "rack[12]", "99999999999"})
+    for (const char *text :
+         {"rack[4-3]", "-3", "0", "", "5 ", "a[1-2", "rack]1-2[", "rack[12]", "99999999999"})
         cases.push_back({text, {}});
     for (const auto &c : cases) {
         for (auto read :
@@ -56,8 +54,7 @@ TEST_F(Sources, RangeTexts) {
             SCOPED_TRACE(std::string("text '") + c.text + "'");
             LogCapture log;
             vyr_source_array_t *a = read(c.text);
-            EXPECT_EQ(ids(a), c.want);
-            EXPECT_EQ(a == nullptr, c.want.empty());
+            EXPECT_EQ(a ? ids(a) : Ids{"<null>"}, c.want.empty() ? Ids{"<null>"} : c.want);
             EXPECT_EQ(vyrtest::unit::texts(log, VYR_LOG_LEVEL_ERROR),
                       c.want.empty() ? Ids{"[source] Invalid source format: " + std::string(c.text)}
                                      : Ids{});
@@ -67,20 +64,13 @@ TEST_F(Sources, RangeTexts) {
 }
 
 TEST_F(Sources, IdentifiersTagsAndTheirLimits) {
-    const std::string host(61, 'h');  // "_9" fits, "_10" loses its last digit
-    env_.set("VYR_HOST_NAME", host.c_str());
-    vyr_source_array_t *a = vyr_create_source_array_from_string("9-10");
-    EXPECT_EQ(ids(a), (Ids{host + "_9", host + "_1"}));
-    vyr_destroy_source_array(a);
-
     const std::string long_id(80, 'i'), cut = long_id.substr(0, 63);
     const struct {
         const char *prefixed, *plain, *host, *want;
     } cases[] = {
-        {nullptr, "id-b", "node1", "id-b"},  // the unprefixed spelling counts too
-        {"id-a", "id-b", "node1", "id-a"},   // the prefixed one wins
-        {nullptr, nullptr, "node1.example.com", "node1.example.com"},  // kept as given
-        {long_id.c_str(), nullptr, "", cut.c_str()},                   // cut to 63
+        {nullptr, "id-b", "node1", "id-b"},           // the unprefixed spelling counts too
+        {"id-a", "id-b", "node1", "id-a"},            // the prefixed one wins
+        {long_id.c_str(), nullptr, "", cut.c_str()},  // cut to 63
     };
     for (const auto &c : cases) {
         env_.set("VYR_SOURCE_ID", c.prefixed);
@@ -91,17 +81,13 @@ TEST_F(Sources, IdentifiersTagsAndTheirLimits) {
         EXPECT_EQ(std::string(15, 't'), s->tag);
         vyr_destroy_source(s);
     }
-    char small[5];
-    env_.set("VYR_HOST_NAME", "abcdefghij");
-    ASSERT_TRUE(vyr_get_hostname(small, sizeof small));
-    EXPECT_STREQ("abcd", small);
     // Without an override: the system's name up to its first ".".
     env_.set("VYR_HOST_NAME", nullptr);
     env_.set("VYR_SOURCE_ID", nullptr);
     env_.set("SOURCE_ID", nullptr);
     char full[256] = {};
     ASSERT_EQ(0, gethostname(full, sizeof full - 1));
-    a = vyr_create_default_source_array("tarvik");
+    vyr_source_array_t *a = vyr_create_default_source_array("tarvik");
     EXPECT_EQ(ids(a), Ids{std::string(full).substr(0, std::string(full).find('.'))});
     EXPECT_STREQ("tarvik", a->sources[0]->tag);
     vyr_destroy_source_array(a);
@@ -111,39 +97,24 @@ TEST(Source, StringsCompareAndArrays) {
     vyr_source_t *s = vyr_create_source("host", "tag");
     LogCapture log;
     char buf[16];
-    memset(buf, 'x', sizeof buf);
     ASSERT_TRUE(vyr_source_full_string(s, buf, 9));  // 4 + 3 + 2
     EXPECT_STREQ("host:tag", buf);
     EXPECT_FALSE(vyr_source_full_string(s, buf, 8));
     EXPECT_EQ(vyrtest::unit::texts(log),
               Ids{"[source] buffer too small for source host:tag (got 8)"});
     EXPECT_EQ(vyrtest::unit::take(vyr_source_string(s)), "host");
-    const struct {
-        const char *id1, *tag1, *id2, *tag2;
-        int sign;
-    } cases[] = {
-        {"a", "z", "b", "a", -1},  // the identifier decides before the tag
-        {"b", "a", "a", "z", 1},
-        {"a", "y", "a", "x", 1},
-        {"a", "x", "a", "x", 0},
-    };
-    for (const auto &c : cases) {
-        vyr_source_t *a = vyr_create_source(c.id1, c.tag1), *b = vyr_create_source(c.id2, c.tag2);
-        int r = vyr_source_compare(a, b);
-        EXPECT_EQ(c.sign, (r > 0) - (r < 0)) << c.id1 << ":" << c.tag1 << " vs " << c.id2;
-        vyr_destroy_source(a);
-        vyr_destroy_source(b);
-    }
-
+    // The identifier decides before the tag.
+    vyr_source_t *y = vyr_create_source("y", ""), *ha = vyr_create_source("host", "a");
+    EXPECT_EQ(std::make_tuple(vyr_source_compare(s, y) < 0, vyr_source_compare(s, ha) > 0),
+              std::make_tuple(true, true));
+    vyr_destroy_source(ha);
     vyr_source_array_t *a = vyr_create_source_array();
     EXPECT_FALSE(vyr_source_array_append(a, nullptr));
-    vyr_source_t *y = vyr_create_source("y", "");
     ASSERT_TRUE(vyr_source_array_append(a, s));
     ASSERT_TRUE(vyr_source_array_append(a, y));
     EXPECT_EQ(1, vyr_source_array_find_source(a, y));
     vyr_source_t twin;
     vyr_source_copy(&twin, s);
-    EXPECT_EQ(0, memcmp(&twin, s, sizeof twin));
     EXPECT_EQ(VYR_SOURCE_NOT_FOUND, vyr_source_array_find_source(a, &twin)) << "by identity";
     log.clear();
     vyr_source_array_log(a, "srcs");
