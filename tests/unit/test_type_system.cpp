@@ -63,15 +63,13 @@ TEST(TypeSystem, SchemaTableHolds255) {
 // The identifier is the digest of the pretty JSON form, computed again only on request.
 TEST(TypeSystem, IdentifiersAndSizes) {
     TypeSystem t;
-    vyr_schema_id_t id, want;
+    vyr_schema_id_t want;
     EXPECT_EQ(vyr_schema_update_md5(vyr_type_system_add_schema(t.ts, "empty", 1, nullptr)), 0);
     vyr_schema_t *schema = add_demo(t.ts, "demo");
     EXPECT_EQ(schema->md5_string, std::string(32, '0'));  // computed while still empty
-    ASSERT_EQ(vyr_schema_extract_id(schema, id), 1);
     vyr_type_system_update_md5_hashes(t.ts);
     vyrtest::unit::Json value(vyr_schema_jsonify(schema));
     ASSERT_EQ(vyr_type_system_get_json_schema_id(want, value.v), 1);
-    EXPECT_EQ(vyr_compare_schema_id(id, want), 0);
     EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(want)), schema->md5_string);
     // Found by identifier text, not by name.
     uint8_t found = 77;
@@ -122,7 +120,6 @@ TEST(TypeSystem, RefusedTexts) {
          "Failed to convert schema from JSON to internal memory representation"},
         {true, "{", "Failed parsing schema JSON string"},
         {true, "[1]", failed + "schema is not a JSON object"},
-        {true, R"({"version":1,"schemas":[]})", failed + "missing Vyrhub schema version"},
         {true, R"({"version":"1.3.9","schemas":[]})",
          failed + "schema version 1.3.9 is incompatible with the deserializer, "
                   "the minimal supported schema version is 1.4.0"},
@@ -130,8 +127,6 @@ TEST(TypeSystem, RefusedTexts) {
          failed + "unable to decode counters schema"},
         {true, R"({"version":"1.5.0"})",
          "[schema writer] schema was not recognized as either type system or counters schema"},
-        {true, R"({"version":"1.5.0","schemas":[{"x":1}]})",
-         failed + "unable to decode type schema"},
         {true,
          R"({"version":"1.5.0","schemas":[)" + golden("tarvik_basic.compact.json") + "," +
              kUnresolvable + "]}",
@@ -147,7 +142,7 @@ TEST(TypeSystem, RefusedTexts) {
             EXPECT_EQ(vyr_type_system_add_schema_from_serialized_json(t.ts, c.text.c_str(), &index),
                       -1);
         EXPECT_EQ(index, 42);
-        EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_ERROR, c.message)) << c.text << "\n" << log.dump();
+        EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_ERROR, c.message)) << c.text;
     }
     EXPECT_EQ(t.ts->num_schemas, 0);
 }
