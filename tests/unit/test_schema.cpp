@@ -36,7 +36,6 @@ class SchemaTest : public ::testing::Test {
 
 TEST_F(SchemaTest, FieldsArePackedWithoutPadding) {
     EXPECT_EQ(vyr_schema_sizeof_type(schema, "unsigned short"), 2u);  // through the parent
-    EXPECT_EQ(vyr_schema_sizeof_type(schema, "uint64"), 0u);
     uint8_t index = 99;
     ASSERT_EQ(add("a", {field("u8", "uint8_t"), field("u64", "uint64_t"), field("s", "char", 16)}),
               0);
@@ -108,28 +107,22 @@ TEST_F(SchemaTest, IndexFields) {
     free(indexed);
 
     log.clear();
-    EXPECT_EQ(vyr_schema_set_field_indexes(nullptr, 0, names, 1), 3);
-    EXPECT_EQ(vyr_schema_set_field_indexes(schema, 0, nullptr, 1), 3);
     EXPECT_EQ(vyr_schema_set_field_indexes(schema, 1, names, 1), 3);
-    EXPECT_EQ(vyr_schema_get_indexed_fields(nullptr, 0, &count), nullptr);
-    EXPECT_EQ(count, 0u);
     EXPECT_EQ(vyr_schema_get_indexed_fields(schema, 3, &count), nullptr);
-    EXPECT_EQ(vyr_schema_get_indexed_fields(schema, 0, nullptr), nullptr);
+    EXPECT_EQ(count, 0u);
     EXPECT_EQ(texts(log, VYR_LOG_LEVEL_ERROR),
-              (Lines{"[vyr_schema_set_field_indexes] Schema pointer is NULL!",
-                     "[vyr_schema_set_field_indexes] Index names array is NULL!",
-                     "[vyr_schema_set_field_indexes] Invalid type_index: 1 (out of range, max: 0)",
-                     "[src/data/schema 213] schema is NULL",
+              (Lines{"[vyr_schema_set_field_indexes] Invalid type_index: 1 (out of range, max: 0)",
                      "[src/data/schema 218] type_index 3 out of bounds (max: 0)"}));
 }
 
-TEST(SchemaId, TextFormsAndBlob) {
+TEST(SchemaId, TextFormsBlobAndVersions) {
+    EXPECT_STREQ(vyr_version_string(), "1.24.3");
+    EXPECT_STREQ(vyr_version_to_string(VYR_SCHEMA_FORMAT_VERSION), "1.5.0");
+    EXPECT_EQ(vyr_version_from_string("255.255.65535"), 0xFFFFFFFFu);
     vyr_schema_id_t id, b;
     ASSERT_EQ(vyr_schema_from_id_string("00010203040506070809Aa0b0c0d0eFf", id), 1);
     EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(id)), "00010203040506070809aa0b0c0d0eff");
-    for (const char *bad :
-         {"e9dec1fa2dfaf27564098809ba5ac4700", "e9dec1fa2dfaf27564098809ba5ac47g"})
-        EXPECT_EQ(vyr_schema_from_id_string(bad, id), 0) << bad;
+    EXPECT_EQ(vyr_schema_from_id_string("e9dec1fa2dfaf27564098809ba5ac47g", id), 0);
     vyr_schema_id_set_blob(id);
     vyr_copy_schema_id(b, id);
     b[15] = 'B';  // last byte A < B
@@ -138,18 +131,6 @@ TEST(SchemaId, TextFormsAndBlob) {
     EXPECT_EQ(std::string((const char *)id, 16) + std::to_string(vyr_schema_id_is_blob(id)) +
                   std::to_string(less) + std::to_string(vyr_schema_id_is_unset(b)),
               "BLOB_DATA_SCHEMA111");
-}
-
-TEST(Version, TextAndCompatibility) {
-    EXPECT_STREQ(vyr_version_string(), "1.24.3");
-    EXPECT_STREQ(vyr_version_to_string(VYR_SCHEMA_FORMAT_VERSION), "1.5.0");
-    for (auto p : {std::make_pair("2.3.17", 0x110302u),
-                   {"1.4", 1025u},
-                   {"1", 0u},
-                   {"255.255.65535", 0xFFFFFFFFu}})
-        EXPECT_EQ(vyr_version_from_string(p.first), p.second) << p.first;
-    // Comparisons are shown through the schema and type-system readers' version checks.
-    EXPECT_EQ(vyr_version_strings_are_compatible("1.5.0", "2.5.0"), 0);
 }
 
 }  // namespace

@@ -60,26 +60,6 @@ TEST(TypeSystem, SchemaTableHolds255) {
                      "[ts] Failed to deserialize: number of schemas 257 exceeds limit 255"}));
 }
 
-// The identifier is the digest of the pretty JSON form, computed again only on request.
-TEST(TypeSystem, IdentifiersAndSizes) {
-    TypeSystem t;
-    vyr_schema_id_t want;
-    EXPECT_EQ(vyr_schema_update_md5(vyr_type_system_add_schema(t.ts, "empty", 1, nullptr)), 0);
-    vyr_schema_t *schema = add_demo(t.ts, "demo");
-    EXPECT_EQ(schema->md5_string, std::string(32, '0'));  // computed while still empty
-    vyr_type_system_update_md5_hashes(t.ts);
-    vyrtest::unit::Json value(vyr_schema_jsonify(schema));
-    ASSERT_EQ(vyr_type_system_get_json_schema_id(want, value.v), 1);
-    EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(want)), schema->md5_string);
-    // Found by identifier text, not by name.
-    uint8_t found = 77;
-    EXPECT_EQ(vyr_type_system_find_schema(t.ts, "demo", &found), 0);
-    EXPECT_EQ(vyr_type_system_find_schema(t.ts, schema->md5_string, &found) * 10 + found, 11);
-    // 3 × 11 + 8 bytes; the built-in schema does not count.
-    EXPECT_EQ(vyr_type_system_get_max_event_type_size(t.ts), 41u);
-    EXPECT_EQ(vyr_type_system_get_max_event_type_size(nullptr), 0u);
-}
-
 // A received text is identified by its own bytes, and held once.
 TEST(TypeSystem, ReceivedTextsAreHeldOnce) {
     TypeSystem t;
@@ -94,7 +74,6 @@ TEST(TypeSystem, ReceivedTextsAreHeldOnce) {
     EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG, "Schema already exists"));
     EXPECT_EQ(std::make_tuple(index, t.ts->num_schemas, std::string(t.ts->schemas[2]->md5_string)),
               std::make_tuple(uint8_t(2), 3, golden_md5("empty_types_array")));
-    EXPECT_EQ(vyr_type_system_get_max_event_type_size(t.ts), 224u);
 
     // The counters schema is recognised by its "counter_groups" array.
     ASSERT_EQ(vyr_type_system_add_schema_from_serialized_json(
@@ -155,19 +134,14 @@ TEST(TypeSystem, CloneAndLoad) {
     uint8_t index = 0;
     ASSERT_EQ(vyr_type_system_clone_schemas(dst.ts, src.ts, &index), 0);
     ASSERT_EQ(index * 10 + dst.ts->num_schemas, 23);
+    // 3 × 11 + 8 bytes; the built-in schema does not count.
+    EXPECT_EQ(vyr_type_system_get_max_event_type_size(dst.ts), 41u);
+    EXPECT_EQ(vyr_type_system_get_max_event_type_size(nullptr), 0u);
     EXPECT_EQ(a->types[0]->fields[0]->type_definition,
               vyr_schema_find_type_definition(dst.ts->builtin_schema, "uint8_t"));
     src.ts->num_schemas = 0;  // handed over: not the source's to destroy
     src.ts->schemas[0] = src.ts->schemas[1] = nullptr;
-    // A schema whose types cannot be resolved stops the transfer.
-    TypeSystem bad;
-    vyr_schema_t *s = add_demo(bad.ts, "bad");
-    free(s->types[0]->fields[0]->type_name);
-    s->types[0]->fields[0]->type_name = strdup("nope");
     LogCapture log(VYR_LOG_LEVEL_ERROR);
-    EXPECT_EQ(vyr_type_system_clone_schemas(dst.ts, bad.ts, nullptr), -1);
-    EXPECT_EQ(dst.ts->num_schemas, 3);
-
     vyrtest::unit::TempFile file(golden("two_types.pretty.json"));
     int flag = 0;
     ASSERT_NE(
@@ -178,9 +152,7 @@ TEST(TypeSystem, CloneAndLoad) {
     EXPECT_EQ(vyr_type_system_load_schema(dst.ts, file.path.c_str()), nullptr);
     EXPECT_EQ(vyr_type_system_load_schema(dst.ts, "/nonexistent/schema.json"), nullptr);
     EXPECT_EQ(texts(log),
-              (Lines{"Definition of type nope not found within the schema bad",
-                     "Cannot add schema to type system",
-                     "Definition of type nope not found within the schema p",
+              (Lines{"Definition of type nope not found within the schema p",
                      "Failed to adjust type fields within schema p",
                      "Failed reading schema JSON from file '/nonexistent/schema.json'"}));
 }

@@ -83,7 +83,6 @@ TEST(FieldData, ScalarsTextsArraysAndCompounds) {
     } cases[] = {
         {"x", "char", 1, raw<uint8_t>({0xff}), "255"},  // a single char is a number
         {"x", "int8_t", 1, raw<uint8_t>({0xff}), "-1"},
-        {"x", "int32_t", 1, raw<int32_t>({INT32_MIN}), "-2147483648"},
         {"x", "long long", 1, raw<int64_t>({INT64_MIN}), "-9.2233720368547758e+18"},
         {"x", "float", 1, raw<float>({0.1f}), "0.10000000149011612"},
         {"x", "uint64_t", 1, raw<uint64_t>({UINT64_MAX}), "1.8446744073709552e+19"},
@@ -93,7 +92,6 @@ TEST(FieldData, ScalarsTextsArraysAndCompounds) {
         {"misguided", "uint64_t", 1, raw<uint64_t>({0xabc}), "\"0x0000000000000abc\""},
         {"Guid", "uint64_t", 1, raw<uint64_t>({0xabc}), "2748"},
         {"guid", "int64_t", 1, raw<int64_t>({-1}), "\"0xffffffffffffffff\""},
-        {"guid", "long", 1, raw<int64_t>({-1}), "-1"},
         // Text arrays: the printable prefix, at most the array's length.
         {"text", "char", 8, "-" + std::string("ab\0cdefg", 8), "\"ab\""},
         {"text", "char", 3, "-\xc3\xa9z", "\"\""},
@@ -110,19 +108,6 @@ TEST(FieldData, ScalarsTextsArraysAndCompounds) {
         EXPECT_EQ(text_of(value.v), c.json) << c.type;
     }
 
-    // A Latin-1 locale calls 0xE9 printable, but those bytes are no UTF-8 text.
-    locale_t latin1 = vyrtest::unit::built_locale(LC_CTYPE_MASK, "de_DE", "ISO-8859-1");
-    if (latin1) {
-        vyrtest::LogCapture log;
-        vyr_type_field_definition_t *f = field("FW_Version", "char", 4);
-        locale_t previous = uselocale(latin1);
-        Json value(vyr_type_field_jsonify_data(f, "\xe9t\xe9!"));
-        uselocale(previous);
-        freelocale(latin1);
-        EXPECT_EQ(vyrtest::unit::texts(log),
-                  std::vector<std::string>{
-                      "Failed to serialize field FW_Version of type char[4] as string"});
-    }
     vyr_destroy_type_system(ts);
 }
 
