@@ -231,18 +231,15 @@ void VYR_AF(free)(void *p) VYR_AF_NOEXCEPT {
     VYR_AF_STATE.untrack(p);
     VYR_AF_NEXT(free)(p);
 }
+#ifdef VYR_ALLOC_FAULT_WRAP
+// A normal build needs none: the C library's strdup calls the malloc above.
 char *VYR_AF(strdup)(const char *text) VYR_AF_NOEXCEPT {
     VYR_AF_FAIL_HERE
-#ifdef VYR_ALLOC_FAULT_WRAP
     char *copy = __real_strdup(text);
-#else
-    size_t n = strlen(text) + 1;
-    char *copy = (char *)__libc_malloc(n);
-    if (copy) memcpy(copy, text, n);
-#endif
     VYR_AF_STATE.track(copy);
     return copy;
 }
+#endif
 }  // extern "C"
 
 #ifndef VYR_ALLOC_FAULT_WRAP

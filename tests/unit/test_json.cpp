@@ -11,18 +11,16 @@ using vyrtest::unit::golden;
 using vyrtest::unit::Json;
 using vyrtest::unit::text_of;
 
-// The schemas among these are built through the schema API in test_schema_json;
-// here every golden file, read back, must be written out byte for byte.
+// Every golden file, read back, must be written out byte for byte.
 TEST(JsonGolden, ParsedFilesAreWrittenBackByteForByte) {
     for (std::string name : {"tarvik_basic", "two_types", "escapes", "empty_types_array", "numbers",
                              "type_object_alone"}) {
-        SCOPED_TRACE(name);
         const std::string pretty = golden(name + ".pretty.json");
         Json from_pretty(vyr_json_parse_string(pretty.c_str()));
         Json from_file(vyr_json_parse_file(
             (vyrtest::golden_dir() + "/schema_json/" + name + ".compact.json").c_str()));
         EXPECT_EQ(text_of(from_pretty.v), golden(name + ".compact.json"));
-        EXPECT_EQ(text_of(from_file.v, true), pretty);
+        EXPECT_EQ(text_of(from_file.v, true), pretty) << name;
     }
     EXPECT_EQ(vyr_json_parse_file("/nonexistent/vyr.json"), nullptr);
 }
@@ -43,17 +41,6 @@ TEST(JsonSerialize, ScalarsAndEmptyContainers) {
         EXPECT_EQ(text_of(value.v, true), c.text);
     }
     EXPECT_EQ(vyr_json_serialize(nullptr, 1), nullptr);
-}
-
-TEST(JsonSerialize, DecimalPointIgnoresTheThreadLocale) {
-    locale_t comma = vyrtest::unit::built_locale(LC_NUMERIC_MASK, "de_DE", "UTF-8");
-    if (!comma) GTEST_SKIP() << "no locale with a decimal comma available";
-    locale_t previous = uselocale(comma);
-    Json value(json_real(0.5));
-    std::string text = text_of(value.v);
-    uselocale(previous);
-    freelocale(comma);
-    EXPECT_EQ(text, "0.5");
 }
 
 TEST(JsonParse, Inputs) {
@@ -87,8 +74,6 @@ TEST(JsonCompare, ValidateAndEquals) {
     } cases[] = {
         {true, "null", "{\"a\":[1]}", 0},
         {true, "{\"a\":\"\",\"n\":0}", "{\"a\":\"s\"}", -1},
-        {true, "[{\"k\":0}]", "[{\"k\":1},{\"z\":0}]", -1},
-        {true, "1", nullptr, -1},
         {false, "{\"a\":1,\"b\":[1,2]}", "{\"b\":[1,2],\"a\":1}", 1},
         {false, "{\"a\":1}", "{\"a\":1,\"b\":2}", 0},
         {false, "[1,2]", "[2,1]", 0},

@@ -56,7 +56,6 @@ TEST_F(SchemaTest, AddTypeChecksInOrder) {
         int code;
         std::string message;  // empty: accepted
     } cases[] = {
-        {"double", {field("x")}, 2, "Schema 'demo' already contains type 'double'"},
         {"a", {field("x")}, 2, "Schema 'demo' already contains type 'a'"},
         {"c",
          {field("x"), field("y", "uint64")},
@@ -124,13 +123,10 @@ TEST(SchemaId, TextFormsBlobAndVersions) {
     EXPECT_EQ(vyrtest::unit::take(vyr_schema_id_string(id)), "00010203040506070809aa0b0c0d0eff");
     EXPECT_EQ(vyr_schema_from_id_string("e9dec1fa2dfaf27564098809ba5ac47g", id), 0);
     vyr_schema_id_set_blob(id);
-    vyr_copy_schema_id(b, id);
-    b[15] = 'B';  // last byte A < B
-    const int less = vyr_compare_schema_id(id, b) < 0;
     vyr_reset_schema_id(b);
     EXPECT_EQ(std::string((const char *)id, 16) + std::to_string(vyr_schema_id_is_blob(id)) +
-                  std::to_string(less) + std::to_string(vyr_schema_id_is_unset(b)),
-              "BLOB_DATA_SCHEMA111");
+                  std::to_string(vyr_schema_id_is_unset(b)),
+              "BLOB_DATA_SCHEMA11");
 }
 
 }  // namespace

@@ -50,14 +50,7 @@ TEST(TypeSystem, SchemaTableHolds255) {
     EXPECT_EQ(vyr_type_system_load_schema(t.ts, "/nonexistent"), nullptr);
     EXPECT_EQ(vyr_type_system_remove_last_schema(t.ts), 254);
 
-    // A text of 257 schemas: the first 255 are read.
-    std::string text = R"({"version":"1.5.0","schemas":[)";
-    for (int i = 0; i < 257; ++i) text += (i ? "," : "") + golden("two_types.compact.json");
-    TypeSystem big(vyr_type_system_deserialize((text + "]}").c_str()));
-    EXPECT_EQ(big.ts ? big.ts->num_schemas : -1, 255);
-    EXPECT_EQ(texts(log),
-              (Lines{"Failed to load schema: schema limit exceeded '255'",
-                     "[ts] Failed to deserialize: number of schemas 257 exceeds limit 255"}));
+    EXPECT_EQ(texts(log), Lines{"Failed to load schema: schema limit exceeded '255'"});
 }
 
 // A received text is identified by its own bytes, and held once.
@@ -67,7 +60,7 @@ TEST(TypeSystem, ReceivedTextsAreHeldOnce) {
     uint8_t index = 0;
     LogCapture log;
     for (const char *name :
-         {"tarvik_basic.pretty.json", "tarvik_basic.pretty.json", "empty_types_array.pretty.json"})
+         {"two_types.pretty.json", "two_types.pretty.json", "empty_types_array.pretty.json"})
         ASSERT_EQ(
             vyr_type_system_add_schema_from_serialized_json(t.ts, golden(name).c_str(), &index), 0);
     EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG, "FOUND EVENTS SCHEMA"));
@@ -82,8 +75,6 @@ TEST(TypeSystem, ReceivedTextsAreHeldOnce) {
     EXPECT_EQ(index * 10 + t.ts->num_schemas, 2553);
     EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG, "FOUND COUNTERS SCHEMA"));
     EXPECT_EQ(vyr_type_system_max_type_size(t.ts), 996u);
-    TypeSystem only(vyr_type_system_deserialize(R"({"version":"2.0.0","schemas":[]})"));
-    EXPECT_EQ(vyr_type_system_max_type_size(only.ts), 0u);
 }
 
 // Texts refused by the reader of one schema (nullptr in `whole`) or of a whole type system.
@@ -98,12 +89,9 @@ TEST(TypeSystem, RefusedTexts) {
         {false, R"({"counter_groups":{}})",
          "Failed to convert schema from JSON to internal memory representation"},
         {true, "{", "Failed parsing schema JSON string"},
-        {true, "[1]", failed + "schema is not a JSON object"},
         {true, R"({"version":"1.3.9","schemas":[]})",
          failed + "schema version 1.3.9 is incompatible with the deserializer, "
                   "the minimal supported schema version is 1.4.0"},
-        {true, R"({"version":"1.5.0","counters_schema":{"groups":[]},"schemas":[]})",
-         failed + "unable to decode counters schema"},
         {true, R"({"version":"1.5.0"})",
          "[schema writer] schema was not recognized as either type system or counters schema"},
         {true,
