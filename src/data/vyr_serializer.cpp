@@ -1,5 +1,6 @@
 #include "vyr_serializer.h"
 
+#include <endian.h>
 #include <ctype.h>
 #include <string.h>
 #include <time.h>
@@ -53,10 +54,8 @@ inline uint64_t free_space(const vyr_data_serializer_t *ser) {
 inline void write_header(uint8_t *dst, uint8_t schema_index, uint8_t type_index, uint8_t count,
                          uint64_t time) {
     vyr_magic_value_fill(reinterpret_cast<char *>(dst), VYR_BLOCK_TYPE_EVENTS);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    time = __builtin_bswap64(time);
-#endif
-    memcpy(dst + 4, &time, sizeof time);
+    const uint64_t stamp = htole64(time);  // little-endian on the wire
+    memcpy(dst + 4, &stamp, sizeof stamp);
     dst[12] = schema_index;
     dst[13] = type_index;  // 16-bit on the wire, written from an 8-bit value
     dst[14] = 0;

@@ -246,9 +246,11 @@ json_t *vyr_type_system_jsonify(const vyr_type_system_t *ts) {
         return NULL;
     }
     for (int i = 0; i < ts->num_schemas; ++i) {
-        // An empty schema has no JSON form and is left out.
+        // An empty schema has no JSON form and is left out; any other failure
+        // fails the whole text rather than drop a schema unseen.
         json_t *schema = vyr_schema_jsonify(ts->schemas[i]);
-        if (schema && json_array_append_new(schemas, schema) != 0) {
+        if (!schema && (!ts->schemas[i] || ts->schemas[i]->num_types == 0)) continue;
+        if (!schema || json_array_append_new(schemas, schema) != 0) {
             json_decref(object);
             return NULL;
         }
