@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <functional>
 #include <regex>
 #include <tuple>
 
@@ -85,56 +83,34 @@ class LoggerTest : public ::testing::Test {
 TEST_F(LoggerTest, FileLoggerLineFormatGatingAndFlush) {
     TempFile file("stale content\n");
     ASSERT_EQ(vyr_init_file_logger(file.path.c_str(), 7), 1);
-    // The lock set-up looks up its switch and says so in the truncated file.
-    std::string content = file.read();
-    ASSERT_EQ(unstamped(content), Lines{kNoLockSwitchLine}) << content;
-    // Levels above 7 go through _vyr_log, which does not gate.
-    const struct {
-        int level;
-        const char *prefix;
-    } cases[] = {{3, "[error] "}, {4, "[warning] "}, {5, ""}, {6, "[info] "},
-                 {7, "[debug] "}, {0, ""},           {8, ""}};
-    for (const auto &c : cases) {
-        size_t before = content.size();
-        if (c.level > 7)
-            _vyr_log(c.level, "message %d at %s", c.level, "level");
-        else
-            VYR_LOG(c.level, "message %d at %s", c.level, "level");
-        content = file.read();
-        EXPECT_EQ(unstamped(content.substr(before)),
-                  Lines{c.prefix + ("message " + std::to_string(c.level)) + " at level"});
-    }
+    // The truncated file first holds the lock set-up's lookup of its switch;
+    // levels above 7 go through _vyr_log, which does not gate.
+    for (int level : {3, 4, 5, 6, 7, 0}) VYR_LOG(level, "m%d %s", level, "x");
+    _vyr_log(8, "m8");
     VYR_LOG(8, "gated");
-    EXPECT_EQ(file.read(), content);
+    EXPECT_EQ(unstamped(file.read()), (Lines{kNoLockSwitchLine, "[error] m3 x", "[warning] m4 x",
+                                             "m5 x", "[info] m6 x", "[debug] m7 x", "m0 x", "m8"}));
     State s = state_now();  // the lock is on by default
     EXPECT_EQ(s, State(VYR_LOGGER_FILE, std::get<1>(s), nullptr, 7, true));
-    // Closing leaves a stderr logger at the same level.
-    StderrToFile err;
+    // A file that cannot be opened leaves a stderr logger.
     vyr_close_logger();
-    EXPECT_EQ(unstamped(err.read()), Lines{kNoLockSwitchLine});
-    EXPECT_EQ(state_now(), State(VYR_LOGGER_STDERR, stderr, nullptr, 7, true));
-    // A file that cannot be opened leaves a stderr logger, silently.
-    LogCapture cap(7);
     EXPECT_EQ(vyr_init_file_logger("/nonexistent_vyr_dir/log.txt", 6), 0);
     EXPECT_EQ(state_now(), State(VYR_LOGGER_STDERR, stderr, nullptr, 6, true));
-    EXPECT_EQ(texts(cap), Lines{kNoLockSwitch});
     // The syslog logger carries neither stream nor function; a function logger its function.
     ASSERT_EQ(vyr_init_syslog_logger("vyr_logger_test", 5), 1);
     EXPECT_EQ(state_now(), State(VYR_LOGGER_SYSLOG, nullptr, nullptr, 5, true));
     vyr_close_logger();
     vyr_set_log_func(other_log_func, 3);
     EXPECT_EQ(state_now(), State(VYR_LOGGER_FUNC, nullptr, (const void *)other_log_func, 3, true));
-    EXPECT_EQ(vyr_set_log_level(2), 3);
-    EXPECT_EQ(vyr_get_log_func(), other_log_func);
+    EXPECT_TRUE(vyr_set_log_level(2) == 3 && vyr_get_log_func() == other_log_func);
 }
 
 // The first message initialises a stderr logger from VYR_API_LOG_LEVEL (or
-// its plain spelling); anything "%d" cannot read means level 0. Gating
-// compares unsigned: a negative level opens everything.
+// its plain spelling); what "%d" cannot read is level 0; a negative level
+// opens everything (gating compares unsigned).
 TEST_F(LoggerTest, DefaultInitialisationAndGating) {
     const char *unset = nullptr;
-    const Lines all = {kNoLockSwitchLine, "[error] m3", "[warning] m4", "m5", "[info] m6",
-                       "[debug] m7",      "m0"};
+    const Lines all = {kNoLockSwitchLine, "m5", "[debug] m7", "m0"};
     Lines everything = all;
     everything.push_back("m-5");
     const struct {
@@ -144,8 +120,6 @@ TEST_F(LoggerTest, DefaultInitialisationAndGating) {
     } cases[] = {
         {"abc", unset, 0, {"m0"}},
         {unset, "7", 7, all},
-        {"5 apples", unset, 5, {"[error] m3", "[warning] m4", "m5", "m0"}},
-        {"4", "7", 4, {"[error] m3", "[warning] m4", "m0"}},
         {"-2", unset, -2, everything},
     };
     for (const auto &c : cases) {
@@ -154,15 +128,10 @@ TEST_F(LoggerTest, DefaultInitialisationAndGating) {
         vyr_set_log_func(nullptr, 0);
         vyr_log_level = -1;
         StderrToFile err;
-        for (int level : {3, 4, 5, 6, 7, 0, -5}) VYR_LOG(level, "m%d", level);
+        for (int level : {5, 7, 0, -5}) VYR_LOG(level, "m%d", level);
         EXPECT_EQ(vyr_log_level, c.level) << c.prefixed << " / " << c.plain;
         EXPECT_EQ(unstamped(err.read()), c.lines) << c.prefixed << " / " << c.plain;
     }
-    // A gated message's arguments are never evaluated.
-    vyr_set_log_level(3);
-    int evaluated = 0;
-    VYR_DEBUG("%d", ++evaluated);
-    EXPECT_EQ(evaluated, 0);
 }
 
 // An adopted stream context writes through the host's stream, level and lock,
@@ -171,7 +140,7 @@ TEST_F(LoggerTest, DefaultInitialisationAndGating) {
 TEST_F(LoggerTest, AdoptedLoggerWritesToTheHostAndRefusesInitAndClose) {
     EXPECT_IN_CHILD([] {
         static pthread_mutex_t foreign = PTHREAD_MUTEX_INITIALIZER;
-        TempFile file, holder;
+        TempFile file;
         FILE *host_stream = fopen(file.path.c_str(), "w");
         vyr_logger_ctx_t *ctx = (vyr_logger_ctx_t *)calloc(1, sizeof *ctx);
         *ctx = {VYR_LOGGER_FILE, host_stream, nullptr, 7, &foreign};
@@ -180,12 +149,10 @@ TEST_F(LoggerTest, AdoptedLoggerWritesToTheHostAndRefusesInitAndClose) {
         EXPECT_EQ(_vyr_register_logger(ctx), 1);
         VYR_WARN("[%s] adopted %d", "plugin", 1);
         VYR_LOG(8, "gated");
-        const std::string path = holder.path + ".log";  // must not come into being
-        EXPECT_EQ(vyr_init_stderr_logger(3), 0);
-        EXPECT_EQ(vyr_init_file_logger(path.c_str(), 3), 0);
-        EXPECT_EQ(vyr_init_syslog_logger("vyr_logger_test", 3), 0);
+        EXPECT_EQ(vyr_init_stderr_logger(3) + vyr_init_file_logger("/tmp/vyr_never.log", 3) +
+                      vyr_init_syslog_logger("vyr_logger_test", 3),
+                  0);
         vyr_close_logger();
-        EXPECT_NE(access(path.c_str(), F_OK), 0);
         const std::string refused = "] registered logger cannot initialize logger";
         EXPECT_EQ(unstamped(file.read()),
                   (Lines{"[warning] [plugin] adopted 1",
@@ -213,7 +180,7 @@ TEST_F(LoggerTest, AdoptedLoggerWritesToTheHostAndRefusesInitAndClose) {
 // with something other than 1, t or y; each initializer says so by its name.
 TEST_F(LoggerTest, ThreadSafetySwitch) {
     const struct {
-        const char *value;  // nullptr: unset
+        const char *value;
         bool plain, locked;
         const char *init;
     } cases[] = {{"off", true, false, "vyr_init_file_logger"},
@@ -222,10 +189,9 @@ TEST_F(LoggerTest, ThreadSafetySwitch) {
                  {"TRUE", false, true, "vyr_init_stderr_logger"},
                  {"1", false, true, "vyr_init_stderr_logger"}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.value ? c.value : "<unset>");
+        SCOPED_TRACE(c.value);
         const std::string name = c.plain ? "LOG_THREAD_SAFE" : "VYR_LOG_THREAD_SAFE";
-        Lines want = {c.value ? "[vyr_getenv] Using '" + name + "'='" + c.value + "'"
-                              : kNoLockSwitch};
+        Lines want = {"[vyr_getenv] Using '" + name + "'='" + c.value + "'"};
         if (!c.locked) {
             want.push_back(
                 "[logger] [_vyr_init_logger_mutex] Thread safety is disabled by environment "
@@ -233,16 +199,14 @@ TEST_F(LoggerTest, ThreadSafetySwitch) {
             want.push_back("[logger] [" + std::string(c.init) +
                            "] Initialized logger without thread-safety");
         }
-        vyrtest::unit::ScopedEnv env;
-        env.set(name, c.value);
+        env_.set(name, c.value);
         EXPECT_IN_CHILD([&] {
             LogCapture cap(7);
             TempFile file;
-            const std::string init = c.init;
-            EXPECT_EQ(init == "vyr_init_file_logger" ? vyr_init_file_logger(file.path.c_str(), 7)
-                      : init == "vyr_init_syslog_logger"
-                          ? vyr_init_syslog_logger("vyr_logger_test", 7)
-                          : vyr_init_stderr_logger(7),
+            const char i = c.init[9];  // f(ile), s(yslog) or s(tderr)
+            EXPECT_EQ(i == 'f'            ? vyr_init_file_logger(file.path.c_str(), 7)
+                      : c.init[10] == 'y' ? vyr_init_syslog_logger("vyr_logger_test", 7)
+                                          : vyr_init_stderr_logger(7),
                       1);
             EXPECT_EQ(std::get<4>(state_now()), c.locked);
             Lines got = texts(cap);  // the file logger starts from a stderr logger
@@ -251,24 +215,16 @@ TEST_F(LoggerTest, ThreadSafetySwitch) {
     }
 }
 
+// The line goes out as an argument, never as the format.
 TEST_F(LoggerTest, HexDump) {
-    const unsigned char twenty[] = {0x00, 0x01, 0x41, 0x62, 0x7E, 0x7F, 0x20, 0x1F, 0x80, 0xFF,
-                                    '0',  '1',  '2',  '3',  '4',  '5',  'x',  'y',  '\n', 'z'};
-    const struct {
-        std::string data;
-        Lines lines;
-    } cases[] = {
-        {std::string(reinterpret_cast<const char *>(twenty), sizeof twenty),
-         {"00 01 41 62 7E 7F 20 1F  80 FF 30 31 32 33 34 35  |  ..Ab~. ...012345 ",
-          "78 79 0A 7A                                       |  xy.z "}},
-        // The line goes out as an argument, never as the format.
-        {"%s%n", {"25 73 25 6E" + std::string(39, ' ') + "|  %s%n "}},
-    };
-    for (const auto &c : cases) {
-        LogCapture cap(7);
-        log_hex(c.data.data(), c.data.size());
-        EXPECT_EQ(texts(cap, VYR_LOG_LEVEL_DEBUG), c.lines);  // debug output
-    }
+    const char data[] =
+        "\x00\x01\x41\x62\x7E\x7F\x20\x1F\x80\xFF"
+        "012345%s%n";
+    LogCapture cap(7);
+    log_hex(data, sizeof data - 1);
+    EXPECT_EQ(texts(cap, VYR_LOG_LEVEL_DEBUG),
+              (Lines{"00 01 41 62 7E 7F 20 1F  80 FF 30 31 32 33 34 35  |  ..Ab~. ...012345 ",
+                     "25 73 25 6E                                       |  %s%n "}));
 }
 
 }  // namespace
