@@ -15,15 +15,7 @@
 #include "vyr_schema.h"
 #include "vyr_type_system.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VYR_SANITIZER_ALLOCATOR 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VYR_SANITIZER_ALLOCATOR 1
-#endif
-#endif
-
-#ifndef VYR_SANITIZER_ALLOCATOR
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 namespace {
 std::atomic<bool> g_counting{false};
 std::atomic<long> g_calls{0};
@@ -38,16 +30,13 @@ void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
 void __libc_free(void *);
 void *malloc(size_t size) {
-    note();
-    return __libc_malloc(size);
+    return note(), __libc_malloc(size);
 }
 void *calloc(size_t n, size_t size) {
-    note();
-    return __libc_calloc(n, size);
+    return note(), __libc_calloc(n, size);
 }
 void *realloc(void *p, size_t size) {
-    note();
-    return __libc_realloc(p, size);
+    return note(), __libc_realloc(p, size);
 }
 void free(void *p) {
     if (p) note();
@@ -68,10 +57,9 @@ long heap_calls(F body) {
 }
 
 // Service mode, devices with hand-made records whose files live in a temp
-// directory, and a type system that knows their event type. The value line
-// takes every conversion route: long digit runs, overflow, blanks and signs,
-// exponents, inf, hex, a token too long for the stack copy, empty tokens,
-// texts short and long, and a CR.
+// directory. The value line takes every conversion route: long digit runs,
+// overflow, blanks and signs, exponents, inf, a token too long for the stack
+// copy, empty tokens, texts short and long, and a CR.
 TEST(HotPath, WarmPassAndWriteEventsAllocateNothing) {
     void *probe = nullptr;
     ASSERT_GE(heap_calls([&] { probe = malloc(8); }), 1);  // the counter sees the heap
@@ -83,7 +71,7 @@ TEST(HotPath, WarmPassAndWriteEventsAllocateNothing) {
                               s = TARVIK_FIELD_STRING;
     std::vector<vyr_event_tarvik_type_t> fields;
     size_t size = TARVIK_EVENT_FIXED_SIZE;
-    for (tarvik_field_type_t t : {u, u, u, u, u, d, d, d, d, d, u, s, s, u})
+    for (tarvik_field_type_t t : {u, u, u, d, d, d, u, u, s, s, u})
         fields.push_back({"f", "f", t, true}), size += t == s ? TARVIK_TEXT_SIZE : 8;
     vyr_type_system_t *ts = vyr_create_type_system();
     uint8_t schema_index = 0, type_index = 0;
@@ -99,14 +87,11 @@ TEST(HotPath, WarmPassAndWriteEventsAllocateNothing) {
     info.event_size = size;
     info.fields = &fields;
     p->type_infos["hdr"] = info;
-    for (int i = 0; i <= 5; ++i) {  // dev5's file never appears
+    for (int i = 0; i < 5; ++i) {
         std::string name = "dev" + std::to_string(i), file = dir.path + "/" + name + ".csv";
-        if (i < 5)
-            vyrtest::write_file(file, "h\n" + std::to_string(i) +
-                                          ",18446744073709551616, 42,-1,007x,1.5,-2.25E-12,inf,"
-                                          "0x1p3, " +
-                                          std::string(80, '7') + ",,Active," +
-                                          std::string(100, 'q') + ",12\r\n");
+        vyrtest::write_file(
+            file, "h\n" + std::to_string(i) + ",18446744073709551616, 42,-2.25E-12,inf, " +
+                      std::string(80, '7') + ",-1,,Active," + std::string(100, 'q') + ",12\r\n");
         tarvik_provider_dev_info_t &dv = p->devices[name];
         dv.name = strdup(name.c_str());
         dv.out_file_path = strdup(file.c_str());
@@ -121,8 +106,7 @@ TEST(HotPath, WarmPassAndWriteEventsAllocateNothing) {
                   for (int i = 0; i < 100; ++i) tarvik_collect_pass(p);
               }),
               0);
-    EXPECT_TRUE(p->devices["dev5"].disabled);  // too many failures
-    // Two events a call, so the cursor resumes before the drain ends.
+    // Two events a call, so the cursor resumes.
     std::vector<uint8_t> buf(2 * (sizeof(vyr_event_block_header_t) + size) + 1);
     vyr_data_serializer_t ser{ts->schemas, buf.data(), buf.size(), 0};
     EXPECT_EQ(heap_calls([&] {
