@@ -20,6 +20,8 @@ TEST(Env, PrefixedSpellingWinsAndTheLoggersNameIsQuiet) {
         "[vyr_getenv] Environment variables conflict - VYR_ENVTEST=a and ENVTEST=b. Using "
         "VYR_ENVTEST";
     const std::string use_a = "[vyr_getenv] Using 'VYR_ENVTEST'='a'";
+    const std::string use_level = "[vyr_getenv] Using 'VYR_API_LOG_LEVEL'='7'";
+    const std::string none = "[vyr_getenv] No value for 'VYR_ENVTEST' or 'ENVTEST'";
     const struct {
         const char *prefix, *prefixed, *plain, *query, *result;
         Log log;
@@ -27,20 +29,10 @@ TEST(Env, PrefixedSpellingWinsAndTheLoggersNameIsQuiet) {
         {"VYR_ENVTEST", "a", "b", "ENVTEST", "a", {{4, conflict}, {7, use_a}}},
         {"VYR_ENVTEST", "a", "a", "VYR_ENVTEST", "a", {{7, use_a}}},
         {"VYR_ENVTEST", unset, "b", "VYR_ENVTEST", "b", {{7, "[vyr_getenv] Using 'ENVTEST'='b'"}}},
-        {"VYR_ENVTEST",
-         unset,
-         unset,
-         "ENVTEST",
-         unset,
-         {{7, "[vyr_getenv] No value for 'VYR_ENVTEST' or 'ENVTEST'"}}},
+        {"VYR_ENVTEST", unset, unset, "ENVTEST", unset, {{7, none}}},
         // The logger reads its level through this lookup, so that one name never logs.
         {"VYR_API_LOG_LEVEL", unset, "3", "VYR_API_LOG_LEVEL", "3", {}},
-        {"VYR_API_LOG_LEVEL",
-         "7",
-         "7",
-         "API_LOG_LEVEL",
-         "7",
-         {{7, "[vyr_getenv] Using 'VYR_API_LOG_LEVEL'='7'"}}},
+        {"VYR_API_LOG_LEVEL", "7", "7", "API_LOG_LEVEL", "7", {{7, use_level}}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.query + (" with " + str(c.prefixed)) + "/" + str(c.plain));
