@@ -121,26 +121,6 @@ TEST_F(ParserFile, NoRegularFileWarns) {
     }
 }
 
-TEST(TarvikSplit, Table) {
-    const struct {
-        std::string line;
-        Strings fields;
-    } cases[] = {
-        {"", {}},
-        {"a,b,", {"a", "b"}},
-        {"a,,b", {"a", "", "b"}},
-        {",", {""}},
-        {"\"a,b\"", {"\"a", "b\""}},  // no quoting: the comma separates
-        {" a \r", {" a \r"}},
-    };
-    for (const auto &c : cases) {
-        Strings got{"kept"}, want{"kept"};  // appends, never empties the list first
-        tarvikSplitCsvLine(c.line, &got);
-        want.insert(want.end(), c.fields.begin(), c.fields.end());
-        EXPECT_EQ(got, want) << "line: " << c.line;
-    }
-}
-
 // The type a value gives: U integer, D double, S text; lower case where the
 // value also counts as an unsigned decimal.
 TEST(TarvikTyping, ValueRules) {
