@@ -10,7 +10,6 @@
 
 namespace {
 
-using Entries = std::vector<std::pair<std::string, std::string>>;
 using Buckets = std::map<std::string, uint32_t>;
 
 struct Dict {
@@ -35,17 +34,6 @@ struct Dict {
         t()->flags[i >> 4] |= 1u << ((i & 15) * 2);
         --t()->size;
     }
-    Entries entries() const {  // in bucket order, through the public enumeration
-        Entries out;
-        vyr_dict_enum(
-            d,
-            [](const char *k, const char *v, void *u) {
-                static_cast<Entries *>(u)->emplace_back(k, v ? v : "<null>");
-                return true;
-            },
-            &out);
-        return out;
-    }
 };
 
 TEST(Dict, GeometryProbingAndInPlaceRehash) {
@@ -64,24 +52,20 @@ TEST(Dict, GeometryProbingAndInPlaceRehash) {
     d.add({"m"});
     EXPECT_EQ(d.t()->n_buckets, 8u);
     EXPECT_EQ(d.t()->upper_bound, 6u);
-    EXPECT_EQ(d.entries(), (Entries{{"i", "i"}, {"a", "a"}, {"e", "e"}, {"m", "m"}}));
+    EXPECT_EQ(d.buckets(), (Buckets{{"a", 2}, {"e", 5}, {"i", 1}, {"m", 6}}));
     EXPECT_EQ(vyr_dict_get(d.d, "q"), nullptr);  // 113, home 1: probes 1, 2, 4 (empty)
 }
 
 // Occupancy at the bound: rebuilt at the same count while the buckets are more
 // than twice the live keys, grown otherwise; deleted buckets go either way.
 TEST(Dict, DeletedBucketsAreReusedAndDroppedByRebuild) {
-    const struct {
-        int deleted;
-        uint32_t buckets;
-    } cases[] = {{4, 8}, {2, 16}};
-    for (const auto &c : cases) {
+    for (int deleted : {4, 2}) {
         Dict d;
         d.add({"a", "b", "c", "d", "e"});  // at buckets 1 to 5 of 8
         const char *keys[] = {"a", "b", "c", "d"};
-        for (int i = 0; i < c.deleted; ++i) d.mark_deleted(keys[i]);
+        for (int i = 0; i < deleted; ++i) d.mark_deleted(keys[i]);
         // "i" (home 1) passes deleted buckets up to an empty one, and takes the first deleted.
-        if (c.deleted == 4) {
+        if (deleted == 4) {
             d.add({"i"});
             EXPECT_EQ(d.buckets().at("i"), 1u);
             EXPECT_EQ(d.t()->n_occupied, 5u);
@@ -90,9 +74,8 @@ TEST(Dict, DeletedBucketsAreReusedAndDroppedByRebuild) {
         EXPECT_EQ(d.t()->n_occupied, 6u);
         size_t live = d.t()->size + 1;
         d.add({"g"});
-        EXPECT_EQ(d.t()->n_buckets, c.buckets) << c.deleted;
-        EXPECT_EQ(d.t()->size, live);
-        EXPECT_EQ(d.t()->n_occupied, live);
+        EXPECT_EQ(d.t()->n_buckets, deleted == 4 ? 8u : 16u) << deleted;
+        EXPECT_TRUE(d.t()->size == live && d.t()->n_occupied == live);
         EXPECT_EQ(vyr_dict_get(d.d, "a"), nullptr);
         EXPECT_STREQ(vyr_dict_get(d.d, "e"), "e");
     }
@@ -108,17 +91,16 @@ TEST(Dict, ValuesCopiesEnumAndDump) {
     EXPECT_EQ(vyr_dict_get(d.d, "key"), nullptr);
     Dict copy{vyr_dict_dup(d.d)};
     ASSERT_TRUE(vyr_dict_add(d.d, "", "changed"));
-    EXPECT_EQ(copy.entries(), (Entries{{"", "x y"}, {"key", "<null>"}}));
     int calls = 0;
     EXPECT_FALSE(vyr_dict_enum(
         d.d, [](const char *, const char *, void *u) { return ++*static_cast<int *>(u), false; },
         &calls));
     EXPECT_EQ(calls, 1);
     vyrtest::LogCapture log;
-    vyr_dict_dump(d.d, "config");
-    EXPECT_EQ(vyrtest::unit::texts(log),
-              (std::vector<std::string>{"config map values: ", "key=  val=changed",
-                                        "key=key  val=(null)"}));
+    vyr_dict_dump(copy.d, "config");
+    EXPECT_EQ(
+        vyrtest::unit::texts(log),
+        (std::vector<std::string>{"config map values: ", "key=  val=x y", "key=key  val=(null)"}));
 }
 
 // Long keys with bytes above 127: each lies on the probe path that the
