@@ -121,46 +121,24 @@ TEST_F(ParserFile, NoRegularFileWarns) {
     }
 }
 
-// The type a value gives: U integer, D double, S text; lower case where the
-// value also counts as an unsigned decimal.
-TEST(TarvikTyping, ValueRules) {
-    const std::pair<const char *, char> cases[] = {
-        {"", 's'},     {"0", 'u'},        {"99999999999999999999", 'u'},
-        {"007", 'S'},  {"00", 'S'},       {"0.5", 'D'},
-        {"1.05", 'S'}, {"5.", 'D'},       {".5", 'D'},
-        {".", 'S'},    {"1.2.3", 'S'},    {"-1", 'S'},
-        {"1 2", 'S'},  {"\xd9\xa3", 'S'},
-    };
-    TarvikFormatParser p("unused", nullptr);
-    for (const auto &c : cases) {
-        EXPECT_EQ(isUnsignedDecimal(c.first), islower(c.second) != 0) << "value: " << c.first;
-        EXPECT_EQ("UDS"[p.getTypeByValue(c.first)], toupper(c.second)) << "value: " << c.first;
-    }
-}
-
-// One header field and its value each, then whole header lines (fields joined
-// by '|', values all empty): duplicates are numbered in order, and cleaning
-// are numbered in order. Extra values are ignored.
-TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
+// Whole header lines and their values, fields joined by '|'. Name rules
+// first, in the order they are tried, then typing by value (kind 0 integer,
+// 1 double, 2 text); brackets and other marks are cleaned from names;
+// duplicates are numbered in order; extra values are ignored.
+TEST(TarvikTyping, NameAndValueRules) {
     const struct {
         const char *header, *values, *want;
     } cases[] = {
-        {"Raw_Errors", "abc", "Raw_Errors:0"},
-        {"RAW_ERRORS", "abc", "RAW_ERRORS:2"},
-        {"Temperature", "45.5", "Temperature:1"},
-        {"temperature", "45.5", "temperature:0"},
-        {"hist_BER_x", "0.5", "hist_BER_x:0"},
-        {"HIST", "x", "HIST:2"},
-        {"Eff_BER_Lane0", "abc", "Eff_BER_Lane0:1"},
-        {"LANE_Version", "3", "LANE_Version:2"},
-        {"hist_version", "x", "hist_version:0"},
-        {"Version_temperature", "1", "Version_temperature:2"},
-        {"a[1][2]", "1", "a_1_2:0"},
-        {"<>/[]\"", "1", "__:0"},
-        {"\xc4LANE", "x", "\xc4LANE:0"},
-        {"a", "1.5|x|y", "a:1"},
-        {"x[1]|x[1]", "", "x_1:2 x_1_0:2"},
-        {"a|b|a|b|a", "", "a:2 b:2 a_0:2 b_0:2 a_1:2"},
+        {"hist_BER_x|HIST|Raw_Errors|RAW_ERRORS|Eff_BER_Lane0|LANE_Version|hist_version|"
+         "Version_temperature|Temperature|temperature|\xc4LANE",
+         "0.5|x|abc|abc|abc|3|x|1|45.5|45.5|x",
+         "hist_BER_x:0 HIST:2 Raw_Errors:0 RAW_ERRORS:2 Eff_BER_Lane0:1 LANE_Version:2 "
+         "hist_version:0 Version_temperature:2 Temperature:1 temperature:0 \xc4LANE:0"},
+        {"a|b|c|d|e|f|g|h|i|j|k|l|m|n",
+         "|0|99999999999999999999|007|00|0.5|1.05|5.|.5|.|1.2.3|-1|1 2|\xd9\xa3",
+         "a:2 b:0 c:0 d:2 e:2 f:1 g:2 h:1 i:1 j:2 k:2 l:2 m:2 n:2"},
+        {"a[1][2]|<>/[]\"|x[1]|x[1]|a|b|a|b|a|", "1|1|||1.5|x|y|||||",
+         "a_1_2:0 __:0 x_1:2 x_1_0:2 a:1 b:2 a_0:2 b_0:2 a_1:2 :2"},
         {"|", "", ":2 _0:2"},
     };
     for (const auto &c : cases) {
@@ -171,6 +149,7 @@ TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
         p.createTarvikTypesInfo();
         EXPECT_EQ(describe(types), c.want) << c.header;
     }
+    EXPECT_TRUE(isUnsignedDecimal("0") && !isUnsignedDecimal("01") && !isUnsignedDecimal("\xd9"));
 }
 
 }  // namespace
