@@ -1,4 +1,4 @@
-// The string dictionary: table geometry, probing, rebuild rules and the
+// The string dictionary: table geometry, probing, rehashing and the
 // operations around them. Single-letter keys hash to their own byte value.
 #include <gtest/gtest.h>
 
@@ -26,14 +26,6 @@ struct Dict {
             if (flags(i) == 0) out[t()->keys[i]] = i;
         return out;
     }
-    // A removal as the table records one: the bucket turns deleted.
-    void mark_deleted(const std::string &key) {
-        uint32_t i = buckets().at(key);
-        free(t()->keys[i]);
-        free(t()->vals[i]);
-        t()->flags[i >> 4] |= 1u << ((i & 15) * 2);
-        --t()->size;
-    }
 };
 
 TEST(Dict, GeometryProbingAndInPlaceRehash) {
@@ -54,31 +46,6 @@ TEST(Dict, GeometryProbingAndInPlaceRehash) {
     EXPECT_EQ(d.t()->upper_bound, 6u);
     EXPECT_EQ(d.buckets(), (Buckets{{"a", 2}, {"e", 5}, {"i", 1}, {"m", 6}}));
     EXPECT_EQ(vyr_dict_get(d.d, "q"), nullptr);  // 113, home 1: probes 1, 2, 4 (empty)
-}
-
-// Occupancy at the bound: rebuilt at the same count while the buckets are more
-// than twice the live keys, grown otherwise; deleted buckets go either way.
-TEST(Dict, DeletedBucketsAreReusedAndDroppedByRebuild) {
-    for (int deleted : {4, 2}) {
-        Dict d;
-        d.add({"a", "b", "c", "d", "e"});  // at buckets 1 to 5 of 8
-        const char *keys[] = {"a", "b", "c", "d"};
-        for (int i = 0; i < deleted; ++i) d.mark_deleted(keys[i]);
-        // "i" (home 1) passes deleted buckets up to an empty one, and takes the first deleted.
-        if (deleted == 4) {
-            d.add({"i"});
-            EXPECT_EQ(d.buckets().at("i"), 1u);
-            EXPECT_EQ(d.t()->n_occupied, 5u);
-        }
-        d.add({"f"});
-        EXPECT_EQ(d.t()->n_occupied, 6u);
-        size_t live = d.t()->size + 1;
-        d.add({"g"});
-        EXPECT_EQ(d.t()->n_buckets, deleted == 4 ? 8u : 16u) << deleted;
-        EXPECT_TRUE(d.t()->size == live && d.t()->n_occupied == live);
-        EXPECT_EQ(vyr_dict_get(d.d, "a"), nullptr);
-        EXPECT_STREQ(vyr_dict_get(d.d, "e"), "e");
-    }
 }
 
 // Values are copies, a null value reads like an absent one, a copy of the
