@@ -29,16 +29,12 @@ bool all_gone(const std::string &ids) {
     return false;
 }
 
-TEST(Command, SameWaitStatusAsSystem) {
-    for (const char *command : {"true", "exit 3", "kill -9 $$", "sh -c 'kill -TERM $$'"})
+TEST(Command, SameWaitStatusAsSystemAndTheOutput) {
+    for (const char *command : {"exit 3", "kill -9 $$", "sh -c 'kill -TERM $$'"})
         EXPECT_EQ(run_command(command), system(command)) << command;
     EXPECT_EQ(run_command(nullptr), -1);
-}
-
-TEST(Command, CapturesOutputWithoutTheCallersDescriptors) {
     std::string out;
-    CommandOptions o;
-    o.output = &out;
+    const CommandOptions o{&out};
     EXPECT_EQ(run_command("printf 'a\\0b\\n'; head -c 200000 /dev/zero; ls /proc/self/fd", o), 0);
     EXPECT_EQ(out.substr(0, 4) + out.substr(200004),
               std::string("a\0b\n0\n1\n2\n3\n", 12));  // 3: ls's own handle on the directory
@@ -67,9 +63,7 @@ TEST(Command, SignalsToTheWaitingThreadAreSurvived) {
         }
     });
     std::string out;
-    CommandOptions o;
-    o.output = &out;
-    EXPECT_EQ(run_command("sleep 0.3; echo done", o), 0);
+    EXPECT_EQ(run_command("sleep 0.3; echo done", {&out}), 0);
     poke.join();
     sigaction(SIGUSR1, &old, nullptr);
     EXPECT_EQ(out, "done\n");
@@ -80,15 +74,12 @@ TEST(Command, SignalsToTheWaitingThreadAreSurvived) {
 TEST(Command, TimeLimitAndGroupEndEverything) {
     // timeout makes a process group of its own for itself and its sleep.
     std::string ids;
-    CommandOptions o;
-    o.output = &ids;
-    o.kill_after_ms = 200;
-    EXPECT_EQ(run_command("trap '' TERM; timeout 100 sleep 100 & echo $!; sleep 100", o), SIGKILL);
+    const char *stubborn = "trap '' TERM; timeout 100 sleep 100 & echo $!; sleep 100";
+    EXPECT_EQ(run_command(stubborn, {&ids, 200}), SIGKILL);
     EXPECT_TRUE(all_gone(ids)) << ids;
 
     CommandGroup group;
-    CommandOptions g;
-    g.group = &group;
+    const CommandOptions g{nullptr, -1, &group};
     int status = 0;
     std::thread run([&] { status = run_command("trap '' TERM; sleep 100 & wait", g); });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
