@@ -1,4 +1,4 @@
-// Strict conversions, truth values, trimming and string arrays.
+// Strict conversions and the comma-separated list.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -67,41 +67,10 @@ TEST(StringConversion, EveryFunctionOverOneTable) {
     EXPECT_FALSE(bounded_string_to_int("1", 1, nullptr));
 }
 
-TEST(StringText, TruthValuesAndTrimming) {
-    for (const char *t : {"1", "True", "true"}) EXPECT_TRUE(vyr_string_to_boolean(t)) << t;
-    for (const char *t : {"TRUE", "0", "true "}) EXPECT_FALSE(vyr_string_to_boolean(t)) << t;
-    EXPECT_TRUE(vyr_string_to_boolean(nullptr));
-    EXPECT_EQ(std::string(boolean_to_string(true)) + boolean_to_string(false), "truefalse");
-    char text[] = "\t\n a b \r\v\f", blank[] = "   ";
-    EXPECT_EQ(trim_white_space(text), text + 3);
-    EXPECT_STREQ(text + 3, "a b");
-    EXPECT_STREQ(trim_white_space(blank), "");
-}
-
 Strings contents(const vyr_string_array_t *a) {
     Strings out;
     for (uint64_t i = 0; a && i < a->count; ++i) out.emplace_back(a->strings[i]);
     return out;
-}
-
-// Only neighbours collapse, and only in an array said to be sorted.
-TEST(StringArray, AppendContainsLogAndRemoveDuplicates) {
-    vyr_string_array_t *a = nullptr;  // appending to a missing block makes one
-    char text[] = "one";
-    ASSERT_TRUE(vyr_append_string_array(&a, text));
-    text[0] = 'X';  // the array owns a copy
-    for (const char *t : {"two", "two", "", "one"}) ASSERT_TRUE(vyr_append_string_array(&a, t));
-    EXPECT_FALSE(vyr_append_string_array(&a, nullptr));
-    EXPECT_TRUE(vyr_string_array_contains(a, "") && !vyr_string_array_contains(a, "tw"));
-    vyrtest::LogCapture log;
-    vyr_log_string_array(VYR_LOG_LEVEL_INFO, a, "names");
-    EXPECT_FALSE(vyr_string_array_remove_duplicates(&a, false));
-    EXPECT_EQ(vyrtest::unit::texts(log),
-              (Strings{"names[0] = one", "names[1] = two", "names[2] = two", "names[3] = ",
-                       "names[4] = one", "[vyr_string_array_remove_duplicates] not implemented"}));
-    EXPECT_TRUE(vyr_string_array_remove_duplicates(&a, true));
-    EXPECT_EQ(contents(a), (Strings{"one", "two", "", "one"}));
-    vyr_free_string_array(a);
 }
 
 // Runs of commas give no empty tokens; exactly `length` bytes are read; a
