@@ -48,22 +48,18 @@ TEST(Delivery, RoundRobinResumesWhereTheBufferFilled) {
                                  {"rest", "r", "char", VYR_VALUE_ABSOLUTE, kEventSize - 8}};
     uint8_t type_index = 0xFF;
     ASSERT_EQ(vyr_schema_add_type(schema, "tarvik_event_0", f, 2, &type_index), 0);
-    struct Call {
-        const char *before;
-        int rc;
-        std::vector<std::string> names;
-        uint64_t cursor;
-    };
+    // Each call: what happens before it, then "names of the blocks written/
+    // return code/cursor after".
     const struct {
         std::vector<std::string> devices;
         size_t fit;  // whole events the buffer holds
-        std::vector<Call> calls;
+        std::vector<std::pair<std::string, std::string>> calls;
     } cases[] = {
-        {{}, 4, {{"", 0, {}, 0}}},
-        {{"-a", "!b", "c"}, 4, {{"", 0, {"c"}, 3}}},
-        {{"a", "b", "c"}, 2, {{"", 1, {"a", "b"}, 2}, {"", 0, {"c"}, 3}, {"", 1, {"a", "b"}, 2}}},
-        {{"a", "c", "d"}, 2, {{"", 1, {"a", "c"}, 2}, {"+b", 0, {"c", "d"}, 4}}},
-        {{"a", "b", "c"}, 2, {{"", 1, {"a", "b"}, 2}, {"rebuild", 0, {"z"}, 3}}},
+        {{}, 4, {{"", "/0/0"}}},
+        {{"-a", "!b", "c"}, 4, {{"", "c /0/3"}}},
+        {{"a", "b", "c"}, 2, {{"", "a b /1/2"}, {"", "c /0/3"}, {"", "a b /1/2"}}},
+        {{"a", "c", "d"}, 2, {{"", "a c /1/2"}, {"+b", "c d /0/4"}}},
+        {{"a", "b", "c"}, 2, {{"", "a b /1/2"}, {"rebuild", "z /0/3"}}},
     };
     vyrtest::LogCapture log;
     for (const auto &c : cases) {
@@ -75,25 +71,25 @@ TEST(Delivery, RoundRobinResumesWhereTheBufferFilled) {
         for (const auto &d : c.devices) add(d);
         std::vector<uint8_t> buf(c.fit * kBlock + 10);
         vyr_data_serializer_t ser{ts->schemas, buf.data(), buf.size(), 0};
-        for (const auto &call : c.calls) {
-            if (call.before[0] == '+') add(call.before + 1);
-            if (!strcmp(call.before, "rebuild")) {
+        for (const auto &[before, want] : c.calls) {
+            if (before[0] == '+') add(before.substr(1));
+            if (before == "rebuild") {
                 tarvik_provider_destroy(&p->provider);
                 EXPECT_EQ(p->next_device, 0u);  // the cursor too starts over
                 p->next_device = 2;             // a cursor left over from before
                 for (const char *n : {"x", "y", "z"}) add(n);
             }
             ser.used = 0;
-            EXPECT_EQ(tarvik_provider_write_source_events(p, &ser), call.rc);
-            std::vector<std::string> names;
+            const int rc = tarvik_provider_write_source_events(p, &ser);
+            std::string names;
             for (uint64_t pos = 0; pos < ser.used; pos += kBlock) {
                 // One event a block, under the schema's and the event type's indexes.
                 EXPECT_EQ(std::vector<uint8_t>(&buf[pos + 12], &buf[pos + 16]),
                           (std::vector<uint8_t>{0, type_index, 0, 1}));
-                names.emplace_back(reinterpret_cast<const char *>(&buf[pos + 16 + 72]));
+                names += reinterpret_cast<const char *>(&buf[pos + 16 + 72]) + std::string(" ");
             }
-            EXPECT_EQ(names, call.names) << c.devices.size();
-            EXPECT_EQ(p->next_device, call.cursor) << c.devices.size();
+            EXPECT_EQ(names + "/" + std::to_string(rc) + "/" + std::to_string(p->next_device), want)
+                << c.devices.size();
         }
     }
     EXPECT_TRUE(log.contains(7, "[tarvik provider] Writing event for device z"));
