@@ -48,28 +48,6 @@ TEST(Dict, GeometryProbingAndInPlaceRehash) {
     EXPECT_EQ(vyr_dict_get(d.d, "q"), nullptr);  // 113, home 1: probes 1, 2, 4 (empty)
 }
 
-// Values are copies, a null value reads like an absent one, a copy of the
-// dictionary has storage of its own, and a false return stops the walk.
-TEST(Dict, ValuesCopiesEnumAndDump) {
-    Dict d;
-    ASSERT_TRUE(vyr_dict_add(d.d, "key", "first"));
-    ASSERT_TRUE(vyr_dict_add(d.d, "key", nullptr));
-    ASSERT_TRUE(vyr_dict_add(d.d, "", "x y"));
-    EXPECT_EQ(vyr_dict_get(d.d, "key"), nullptr);
-    Dict copy{vyr_dict_dup(d.d)};
-    ASSERT_TRUE(vyr_dict_add(d.d, "", "changed"));
-    int calls = 0;
-    EXPECT_FALSE(vyr_dict_enum(
-        d.d, [](const char *, const char *, void *u) { return ++*static_cast<int *>(u), false; },
-        &calls));
-    EXPECT_EQ(calls, 1);
-    vyrtest::LogCapture log;
-    vyr_dict_dump(copy.d, "config");
-    EXPECT_EQ(
-        vyrtest::unit::texts(log),
-        (std::vector<std::string>{"config map values: ", "key=  val=x y", "key=key  val=(null)"}));
-}
-
 // Long keys with bytes above 127: each lies on the probe path that the
 // byte-at-a-time X31 hash gives it, before any empty bucket.
 TEST(Dict, EveryKeyLiesOnItsX31ProbePath) {

@@ -1,5 +1,5 @@
 // The process-wide logger: line format, level gating, default initialisation
-// from the environment, the lock switch, adopted contexts and the hex dump.
+// from the environment, the lock switch, and adopted contexts.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -128,18 +128,6 @@ TEST_F(LoggerTest, ThreadSafetySwitch) {
             EXPECT_EQ(texts(cap), want);
         });
     }
-}
-
-// The line goes out as an argument, never as the format.
-TEST_F(LoggerTest, HexDump) {
-    const char data[] =
-        "\x00\x01\x41\x62\x7E\x7F\x20\x1F\x80\xFF"
-        "012345%s%n";
-    LogCapture cap(7);
-    log_hex(data, sizeof data - 1);
-    EXPECT_EQ(texts(cap, VYR_LOG_LEVEL_DEBUG),
-              (Lines{"00 01 41 62 7E 7F 20 1F  80 FF 30 31 32 33 34 35  |  ..Ab~. ...012345 ",
-                     "25 73 25 6E                                       |  %s%n "}));
 }
 
 }  // namespace
