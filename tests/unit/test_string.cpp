@@ -44,9 +44,9 @@ TEST(StringConversion, EveryFunctionOverOneTable) {
         {"42 ", no, no, no, no, no},
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.text ? '"' + std::string(r.text) + '"' : "null");
         EXPECT_EQ(run(string_to_long, r.text) + run(string_to_long_long, r.text),
-                  r.s64 + std::string(r.s64));
+                  r.s64 + std::string(r.s64))
+            << (r.text ? r.text : "null");
         EXPECT_EQ(run(string_to_unsigned_long, r.text) + run(string_to_unsigned_long_long, r.text) +
                       run(string_to_sizet, r.text) + run(string_to_u64, r.text),
                   r.u64 + std::string(r.u64) + r.u64 + r.u64);

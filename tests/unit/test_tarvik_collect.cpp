@@ -85,11 +85,7 @@ TEST(TarvikConversion, ValueLineIntoTheEvent) {
     tarvik_provider_dev_info_t dev;
     dev.header_id = strdup("hdr");
     dev.event_cache = static_cast<uint8_t *>(calloc(1, 136 + 8 * kEdgeTokens.size() + 64));
-    auto at = [&](size_t i) {
-        uint64_t v;
-        memcpy(&v, dev.event_cache + 136 + 8 * i, 8);
-        return v;
-    };
+    const uint64_t *slot = reinterpret_cast<const uint64_t *>(dev.event_cache + 136);
     std::string line;
     for (const auto &t : kEdgeTokens) line += t + ",";
     line.pop_back();
@@ -101,7 +97,7 @@ TEST(TarvikConversion, ValueLineIntoTheEvent) {
         ASSERT_TRUE(tarvik_csv_to_event(p, &dev, line));
         EXPECT_GT(*(uint64_t *)dev.event_cache, 1600000000ull * 1000000ull);  // now
         for (size_t i = 0; i < kEdgeTokens.size(); ++i)
-            EXPECT_EQ(at(i), reference(kEdgeTokens[i], fields[i].type))
+            EXPECT_EQ(slot[i], reference(kEdgeTokens[i], pattern == 1 || (pattern > 1 && i % 2)))
                 << pattern << " '" << kEdgeTokens[i] << "'";
     }
     // strtod rounds in the current rounding mode; the fast path must not keep
@@ -109,7 +105,7 @@ TEST(TarvikConversion, ValueLineIntoTheEvent) {
     fields = {{"a", "a", TARVIK_FIELD_DOUBLE, true}, {"b", "b", TARVIK_FIELD_DOUBLE, true}};
     ASSERT_EQ(fesetround(FE_UPWARD), 0);
     ASSERT_TRUE(tarvik_csv_to_event(p, &dev, "0.1,-2.7"));
-    EXPECT_TRUE(at(0) == reference("0.1", true) && at(1) == reference("-2.7", true));
+    EXPECT_TRUE(slot[0] == reference("0.1", true) && slot[1] == reference("-2.7", true));
     fesetround(FE_TONEAREST);
     fields = {{"s", "s", TARVIK_FIELD_STRING, true}, {"t", "t", TARVIK_FIELD_STRING, true}};
     memset(dev.event_cache, 0xFF, 264);
@@ -128,7 +124,7 @@ TEST(TarvikConversion, ValueLineIntoTheEvent) {
     EXPECT_TRUE(log.contains(7, fn + "csv line: 1,2,x"));
     fields = {{"u", "u", TARVIK_FIELD_UINT64, true}, {"d", "d", (tarvik_field_type_t)7, true}};
     EXPECT_FALSE(tarvik_csv_to_event(p, &dev, "9,2"));
-    EXPECT_EQ(at(0), 9u);  // written before the bad field
+    EXPECT_EQ(slot[0], 9u);  // written before the bad field
     EXPECT_TRUE(log.contains(3, fn + "Unknown tarvik field type 7"));
     p->type_infos.clear();
     free(dev.header_id);
