@@ -75,15 +75,14 @@ TEST(HotPath, WarmPassAndWriteEventsAllocateNothing) {
     p->type_infos["hdr"].type_index = type_index;
     p->type_infos["hdr"].event_size = size;
     p->type_infos["hdr"].fields = &fields;
+    const std::string file = "h\n1,18446744073709551616, 42,-2.25E-12,inf, " +
+                             std::string(80, '7') + ",-1,,Active," + std::string(100, 'q') +
+                             ",12\r\n";
     for (int i = 0; i < 5; ++i) {
         const std::string name = "dev" + std::to_string(i);
         tarvik_provider_dev_info_t &dv = p->devices[name];
         dv.name = strdup(name.c_str());
-        dv.out_file_path = strdup(dir.file(name, "h\n" + std::to_string(i) +
-                                                     ",18446744073709551616, 42,-2.25E-12,inf, " +
-                                                     std::string(80, '7') + ",-1,,Active," +
-                                                     std::string(100, 'q') + ",12\r\n")
-                                      .c_str());
+        dv.out_file_path = strdup(dir.file(name, file).c_str());
         dv.header_id = strdup("hdr");
         dv.header_offset = 2;
         dv.event_cache = static_cast<uint8_t *>(calloc(1, size));
