@@ -1,4 +1,4 @@
-// The string dictionary: table geometry, probing, rebuild rules and the
+// The string dictionary: table geometry, probing, rehashing and the
 // operations around them. Single-letter keys hash to their own byte value.
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 
 namespace {
 
-using Entries = std::vector<std::pair<std::string, std::string>>;
 using Buckets = std::map<std::string, uint32_t>;
 
 struct Dict {
@@ -27,31 +26,11 @@ struct Dict {
             if (flags(i) == 0) out[t()->keys[i]] = i;
         return out;
     }
-    // A removal as the table records one: the bucket turns deleted.
-    void mark_deleted(const std::string &key) {
-        uint32_t i = buckets().at(key);
-        free(t()->keys[i]);
-        free(t()->vals[i]);
-        t()->flags[i >> 4] |= 1u << ((i & 15) * 2);
-        --t()->size;
-    }
-    Entries entries() const {  // in bucket order, through the public enumeration
-        Entries out;
-        vyr_dict_enum(
-            d,
-            [](const char *k, const char *v, void *u) {
-                static_cast<Entries *>(u)->emplace_back(k, v ? v : "<null>");
-                return true;
-            },
-            &out);
-        return out;
-    }
 };
 
 TEST(Dict, GeometryProbingAndInPlaceRehash) {
-    EXPECT_FALSE(vyr_dict_add(nullptr, "k", "v"));
-    EXPECT_EQ(vyr_dict_get(nullptr, "k"), nullptr);
-    EXPECT_EQ(vyr_dict_dup(nullptr), nullptr);
+    EXPECT_TRUE(!vyr_dict_add(nullptr, "k", "v") && !vyr_dict_get(nullptr, "k") &&
+                !vyr_dict_dup(nullptr));
     Dict d;
     EXPECT_EQ(vyr_dict_get(d.d, "k"), nullptr);
     // 'a' 97, 'e' 101, 'i' 105 have home bucket 1 of 4: 1, then 1+1, then 2+2 = 0.
@@ -65,65 +44,8 @@ TEST(Dict, GeometryProbingAndInPlaceRehash) {
     d.add({"m"});
     EXPECT_EQ(d.t()->n_buckets, 8u);
     EXPECT_EQ(d.t()->upper_bound, 6u);
-    EXPECT_EQ(d.entries(), (Entries{{"i", "i"}, {"a", "a"}, {"e", "e"}, {"m", "m"}}));
+    EXPECT_EQ(d.buckets(), (Buckets{{"a", 2}, {"e", 5}, {"i", 1}, {"m", 6}}));
     EXPECT_EQ(vyr_dict_get(d.d, "q"), nullptr);  // 113, home 1: probes 1, 2, 4 (empty)
-}
-
-// Occupancy at the bound: rebuilt at the same count while the buckets are more
-// than twice the live keys, grown otherwise; deleted buckets go either way.
-TEST(Dict, DeletedBucketsAreReusedAndDroppedByRebuild) {
-    const struct {
-        int deleted;
-        uint32_t buckets;
-    } cases[] = {{4, 8}, {2, 16}};
-    for (const auto &c : cases) {
-        Dict d;
-        d.add({"a", "b", "c", "d", "e"});  // at buckets 1 to 5 of 8
-        const char *keys[] = {"a", "b", "c", "d"};
-        for (int i = 0; i < c.deleted; ++i) d.mark_deleted(keys[i]);
-        // "i" (home 1) passes deleted buckets up to an empty one, and takes the first deleted.
-        if (c.deleted == 4) {
-            d.add({"i"});
-            EXPECT_EQ(d.buckets().at("i"), 1u);
-            EXPECT_EQ(d.t()->n_occupied, 5u);
-        }
-        d.add({"f"});
-        EXPECT_EQ(d.t()->n_occupied, 6u);
-        size_t live = d.t()->size + 1;
-        d.add({"g"});
-        EXPECT_EQ(d.t()->n_buckets, c.buckets) << c.deleted;
-        EXPECT_EQ(d.t()->size, live);
-        EXPECT_EQ(d.t()->n_occupied, live);
-        EXPECT_EQ(vyr_dict_get(d.d, "a"), nullptr);
-        EXPECT_STREQ(vyr_dict_get(d.d, "e"), "e");
-    }
-}
-
-TEST(Dict, ValuesCopiesEnumAndDump) {
-    Dict d;
-    char key[] = "key", value[] = "first";
-    ASSERT_TRUE(vyr_dict_add(d.d, key, value));
-    key[0] = value[0] = 'X';  // copies are stored
-    EXPECT_STREQ(vyr_dict_get(d.d, "key"), "first");
-    ASSERT_TRUE(vyr_dict_add(d.d, "key", nullptr));  // replaced; null reads like absent
-    EXPECT_EQ(vyr_dict_get(d.d, "key"), nullptr);
-    EXPECT_EQ(d.t()->size, 1u);
-    ASSERT_TRUE(vyr_dict_add(d.d, "", "x y"));
-    vyr_dict_t *copy = vyr_dict_dup(d.d);
-    ASSERT_TRUE(vyr_dict_add(d.d, "", "changed"));
-    EXPECT_STREQ(vyr_dict_get(copy, ""), "x y");  // independent storage
-    EXPECT_EQ(Dict{copy}.entries(), (Entries{{"", "x y"}, {"key", "<null>"}}));
-
-    int calls = 0;
-    EXPECT_FALSE(vyr_dict_enum(
-        d.d, [](const char *, const char *, void *u) { return ++*static_cast<int *>(u), false; },
-        &calls));
-    EXPECT_EQ(calls, 1);
-    vyrtest::LogCapture log;
-    vyr_dict_dump(d.d, "config");
-    EXPECT_EQ(vyrtest::unit::texts(log),
-              (std::vector<std::string>{"config map values: ", "key=  val=changed",
-                                        "key=key  val=(null)"}));
 }
 
 // Long keys with bytes above 127: each lies on the probe path that the

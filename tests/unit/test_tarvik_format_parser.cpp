@@ -17,6 +17,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Types = std::vector<vyr_event_tarvik_type_t>;
 using vyrtest::LogCapture;
+using vyrtest::unit::texts;
 
 // The derived fields as "name:kind name:kind ...", kind 0 integer, 1 double,
 // 2 text; a field whose event name differs from its name, or that is not
@@ -67,15 +68,13 @@ TEST_F(ParserFile, ReadsTheHeaderAndTheFirstValueLine) {
          "767fc50dbfc580b5dd13706cf14e8ca7", 6, std::string("a\0b:0 c:2", 9)},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.content);
         LogCapture log;
-        types_.clear();
         TarvikFormatParser p(dir_.file("c.csv", c.content), &types_);
         ASSERT_TRUE(p.parse());
         EXPECT_EQ(std::make_tuple(p.headerFields, p.valueFields, p.headerId, p.valueLineOffset,
                                   describe(types_), log.dump()),
-                  std::make_tuple(split(c.header), split(c.values), c.id, c.offset, c.types, ""));
-        EXPECT_EQ(p.typesInfo, &types_);
+                  std::make_tuple(split(c.header), split(c.values), c.id, c.offset, c.types, ""))
+            << c.content;
     }
 }
 
@@ -87,117 +86,53 @@ TEST_F(ParserFile, UnreadableLinesFailWithExactMessage) {
         std::string content, message;
         int64_t offset;
     } cases[] = {
-        {"", hdr, 0},
-        {"\na,b\n1,2\n", hdr, 0},  // an empty first line
-        {"a,b\n", val, 4},         // header only
-        {"a,b\n\n1,2\n", val, 4},  // an empty second line
-        {"a,b", val, -1},          // header without newline
+        {"", hdr, 0},      {"\na,b\n1,2\n", hdr, 0},  // an empty first line
+        {"a,b\n", val, 4},                            // header only
+        {"a,b", val, -1},                             // header without newline
         {big, val, -1},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.content.substr(0, 20));
         LogCapture log;
         std::string path = dir_.file("c.csv", c.content);
-        types_.clear();
         TarvikFormatParser p(path, &types_);
         EXPECT_FALSE(p.parse());
-        EXPECT_TRUE(log.lines().size() == 1 && log.contains(VYR_LOG_LEVEL_ERROR, c.message + path))
-            << log.dump();
-        EXPECT_EQ(p.valueLineOffset, c.offset);
-        EXPECT_TRUE(p.headerId.empty() && p.headerFields.empty() && types_.empty());
+        EXPECT_EQ(texts(log, VYR_LOG_LEVEL_ERROR), Strings{c.message + path});
+        EXPECT_TRUE(p.valueLineOffset == c.offset && p.headerId.empty() && types_.empty())
+            << c.content.substr(0, 20);
     }
 }
 
 // A missing file, and what is not a regular file (nothing blocks), or a link
-// to one, warn from level four only.
-TEST_F(ParserFile, NoRegularFileWarnsOnlyFromLevelFour) {
+// to one, warn.
+TEST_F(ParserFile, NoRegularFileWarns) {
     const std::string fifo = dir_.path + "/fifo", link = dir_.path + "/link";
     ASSERT_TRUE(vyrtest::sim::make_special("fifo", fifo));
     ASSERT_EQ(symlink(dir_.file("t.csv", "a\n1\n").c_str(), link.c_str()), 0);
-    for (const std::string &path : {dir_.path + "/absent.csv", dir_.path, fifo, link})
-        for (int level : {VYR_LOG_LEVEL_WARNING, VYR_LOG_LEVEL_ERROR}) {
-            LogCapture log(level);
-            TarvikFormatParser p(path, &types_);
-            EXPECT_FALSE(p.parse());
-            EXPECT_EQ(log.lines().size(), level == VYR_LOG_LEVEL_WARNING ? 1u : 0u) << log.dump();
-            EXPECT_EQ(
-                log.count(VYR_LOG_LEVEL_WARNING, "[tarvik_format] Could not open file " + path),
-                log.lines().size());
-        }
-}
-
-TEST(TarvikSplit, Table) {
-    const struct {
-        std::string line;
-        Strings fields;
-    } cases[] = {
-        {"", {}},
-        {"a", {"a"}},
-        {"a,b,", {"a", "b"}},
-        {"a,,b", {"a", "", "b"}},
-        {",", {""}},
-        {",a", {"", "a"}},
-        {"\"x\", y", {"\"x\"", " y"}},
-        {"\"a,b\"", {"\"a", "b\""}},  // no quoting: the comma separates
-        {" a \r", {" a \r"}},
-    };
-    for (const auto &c : cases) {
-        Strings got{"kept"}, want{"kept"};  // appends, never empties the list first
-        tarvikSplitCsvLine(c.line, &got);
-        want.insert(want.end(), c.fields.begin(), c.fields.end());
-        EXPECT_EQ(got, want) << "line: " << c.line;
+    for (const std::string &path : {dir_.path + "/absent.csv", dir_.path, fifo, link}) {
+        LogCapture log;
+        EXPECT_FALSE(TarvikFormatParser(path, &types_).parse());
+        EXPECT_EQ(texts(log), Strings{"[tarvik_format] Could not open file " + path});
     }
 }
 
-// The type a value gives: U integer, D double, S text; lower case where the
-// value also counts as an unsigned decimal.
-TEST(TarvikTyping, ValueRules) {
-    const std::pair<const char *, char> cases[] = {
-        {"", 's'},      {"0", 'u'},     {"99999999999999999999", 'u'},
-        {"007", 'S'},   {"00", 'S'},    {"0.5", 'D'},
-        {"10.0", 'D'},  {"1.50", 'D'},  {"1.05", 'S'},
-        {"0.05", 'S'},  {"1.00", 'S'},  {"01.5", 'S'},
-        {"5.", 'D'},    {".5", 'D'},    {".", 'S'},
-        {"1.2.3", 'S'}, {"-1", 'S'},    {"+1", 'S'},
-        {"1e-9", 'S'},  {"1 2", 'S'},   {" 1", 'S'},
-        {"2\r", 'S'},   {"1.5\r", 'S'}, {"\xd9\xa3", 'S'},
-    };
-    TarvikFormatParser p("unused", nullptr);
-    for (const auto &c : cases) {
-        EXPECT_EQ(isUnsignedDecimal(c.first), islower(c.second) != 0) << "value: " << c.first;
-        EXPECT_EQ("UDS"[p.getTypeByValue(c.first)], toupper(c.second)) << "value: " << c.first;
-    }
-}
-
-// One header field and its value each, then whole header lines (fields joined
-// by '|', values all empty): duplicates are numbered in order, and cleaning
-// may make equal names, which stay. Extra values are ignored.
-TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
+// Whole header lines and their values, fields joined by '|'. Name rules
+// first, in the order they are tried, then typing by value (kind 0 integer,
+// 1 double, 2 text); brackets and other marks are cleaned from names;
+// duplicates are numbered in order; extra values are ignored.
+TEST(TarvikTyping, NameAndValueRules) {
     const struct {
         const char *header, *values, *want;
     } cases[] = {
-        {"Raw_Errors_Lane[0]", "12", "Raw_Errors_Lane_0:0"},
-        {"Raw_Errors", "abc", "Raw_Errors:0"},
-        {"RAW_ERRORS", "abc", "RAW_ERRORS:2"},
-        {"Rx/Tx<dB>", "-3.5", "Rx_TxdB:2"},
-        {"FW_Version", "14", "FW_Version:2"},
-        {"Temperature", "45.5", "Temperature:1"},
-        {"temperature", "45.5", "temperature:0"},
-        {"hist_BER_x", "0.5", "hist_BER_x:0"},
-        {"HIST", "x", "HIST:2"},
-        {"Eff_BER_Lane0", "abc", "Eff_BER_Lane0:1"},
-        {"LANE_version", "3", "LANE_version:2"},
-        {"hist_version", "x", "hist_version:0"},
-        {"Version_temperature", "1", "Version_temperature:2"},
-        {"Ratio", "1.50", "Ratio:1"},
-        {"a[1][2]", "1", "a_1_2:0"},
-        {"<>/[]\"", "1", "__:0"},
-        {"\xc4LANE", "x", "\xc4LANE:0"},
-        {"a", "1.5|x|y", "a:1"},
-        {"x[1]|x_1", "", "x_1:2 x_1:2"},
-        {"x[1]|x[1]", "", "x_1:2 x_1_0:2"},
-        {"a|b|a|b|a", "", "a:2 b:2 a_0:2 b_0:2 a_1:2"},
-        {"A|a", "", "A:2 a:2"},
+        {"hist_BER_x|HIST|Raw_Errors|RAW_ERRORS|Eff_BER_Lane0|LANE_Version|hist_version|"
+         "Version_temperature|Temperature|temperature|\xc4LANE",
+         "0.5|x|abc|abc|abc|3|x|1|45.5|45.5|x",
+         "hist_BER_x:0 HIST:2 Raw_Errors:0 RAW_ERRORS:2 Eff_BER_Lane0:1 LANE_Version:2 "
+         "hist_version:0 Version_temperature:2 Temperature:1 temperature:0 \xc4LANE:0"},
+        {"a|b|c|d|e|f|g|h|i|j|k|l|m|n",
+         "|0|99999999999999999999|007|00|0.5|1.05|5.|.5|.|1.2.3|-1|1 2|\xd9\xa3",
+         "a:2 b:0 c:0 d:2 e:2 f:1 g:2 h:1 i:1 j:2 k:2 l:2 m:2 n:2"},
+        {"a[1][2]|<>/[]\"|x[1]|x[1]|a|b|a|b|a|", "1|1|||1.5|x|y|||||",
+         "a_1_2:0 __:0 x_1:2 x_1_0:2 a:1 b:2 a_0:2 b_0:2 a_1:2 :2"},
         {"|", "", ":2 _0:2"},
     };
     for (const auto &c : cases) {
@@ -208,6 +143,7 @@ TEST(TarvikTyping, NameRulesCleaningAndDuplicates) {
         p.createTarvikTypesInfo();
         EXPECT_EQ(describe(types), c.want) << c.header;
     }
+    EXPECT_TRUE(isUnsignedDecimal("0") && !isUnsignedDecimal("01") && !isUnsignedDecimal("\xd9"));
 }
 
 }  // namespace
