@@ -19,6 +19,21 @@ inline std::string serialize(const vyr_type_system_t *ts, int pretty) {
     return out;
 }
 
+// True when some field's counting mode has no name, so its schema, and the
+// type system with it, has no JSON form.
+inline bool has_unnamed_mode(const vyr_type_system_t *ts) {
+    for (uint8_t i = 0; i < ts->num_schemas; ++i) {
+        const vyr_schema_t *s = ts->schemas[i];
+        for (int t = 0; s && t < s->num_types; ++t)
+            for (int f = 0; f < s->types[t]->num_fields; ++f) {
+                uint32_t mode;  // read as bits: a foreign value is no valid enumerator
+                memcpy(&mode, &s->types[t]->fields[f]->counting_mode, sizeof mode);
+                if (mode > VYR_VALUE_RUNNING_SUM) return true;
+            }
+    }
+    return false;
+}
+
 // When every schema's field types resolve, the type system's JSON form must
 // read back into one whose JSON form is the same bytes, in both layouts. (A
 // schema added from JSON keeps fields of unknown types; a reader refuses such
@@ -28,7 +43,10 @@ inline void round_trip(vyr_type_system_t *ts) {
         if (!vyr_type_system_adjust_type_references(ts, ts->schemas[i])) return;
     for (int pretty : {0, 1}) {
         std::string first = serialize(ts, pretty);
-        FUZZ_CHECK(!first.empty());
+        if (first.empty()) {
+            FUZZ_CHECK(has_unnamed_mode(ts));
+            return;
+        }
         vyr_type_system_t *back = vyr_type_system_deserialize(first.c_str());
         FUZZ_CHECK(back);
         FUZZ_CHECK(back->num_schemas <= ts->num_schemas);
