@@ -19,7 +19,7 @@ struct BuiltinType {
     uint64_t size;
 };
 
-/* Ordered by id; the id-0 entry ends the table. */
+/* Ordered by id; the all-zero entry (id 0, the compound kind) ends the table. */
 const BuiltinType kBuiltinTypes[] = {
     {VYR_TYPE_BOOL, "bool", 1},
     {VYR_TYPE_CHAR, "char", 1},
@@ -43,7 +43,7 @@ const BuiltinType kBuiltinTypes[] = {
     {VYR_TYPE_UINT32, "uint32_t", 4},
     {VYR_TYPE_UINT64, "uint64_t", 8},
     {VYR_TYPE_TIMESTAMP, "timestamp", 8},
-    {VYR_TYPE_COMPOUND, nullptr, 0},
+    {},
 };
 
 const char *const kValueTypeNames[] = {"ABSOLUTE", "RUNNING_SUM"};

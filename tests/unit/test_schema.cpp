@@ -125,8 +125,9 @@ TEST(SchemaId, TextFormsBlobAndVersions) {
     vyr_schema_id_set_blob(id);
     vyr_reset_schema_id(b);
     EXPECT_EQ(std::string((const char *)id, 16) + std::to_string(vyr_schema_id_is_blob(id)) +
-                  std::to_string(vyr_schema_id_is_unset(b)),
-              "BLOB_DATA_SCHEMA11");
+                  std::to_string(vyr_schema_id_is_unset(b)) +
+                  std::to_string(vyr_schema_id_is_unset(id)),
+              "BLOB_DATA_SCHEMA110");
 }
 
 }  // namespace

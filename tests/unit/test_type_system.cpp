@@ -138,7 +138,11 @@ TEST(TypeSystem, CloneAndLoad) {
     EXPECT_EQ(flag, 1);
     vyrtest::write_file(file.path, kUnresolvable);
     EXPECT_EQ(vyr_type_system_load_schema(dst.ts, file.path.c_str()), nullptr);
-    EXPECT_EQ(vyr_type_system_load_schema(dst.ts, "/nonexistent/schema.json"), nullptr);
+    flag = 7;  // a failed load clears it
+    EXPECT_EQ(vyr_type_system_load_schema_filtered_by_fset(dst.ts, "/nonexistent/schema.json",
+                                                           nullptr, &flag),
+              nullptr);
+    EXPECT_EQ(flag, 0);
     EXPECT_EQ(texts(log),
               (Lines{"Definition of type nope not found within the schema p",
                      "Failed to adjust type fields within schema p",

@@ -97,11 +97,13 @@ TEST(FieldData, ScalarsTextsArraysAndCompounds) {
         {"p", "pair", 2, raw<uint8_t>({7, 0x34, 0x12, 8, 0xff, 0xff}),
          "[{\"a\":7,\"b\":4660},{\"a\":8,\"b\":65535}]"},
     };
+    vyrtest::LogCapture log(VYR_LOG_LEVEL_ERROR);
     for (const auto &c : cases) {
         Json value(
             vyr_type_field_jsonify_data(field(c.name, c.type, c.length), c.bytes.data() + 1));
         EXPECT_EQ(text_of(value.v), c.json) << c.type;
     }
+    EXPECT_TRUE(log.lines().empty());
 
     vyr_destroy_type_system(ts);
 }
