@@ -88,6 +88,9 @@ TEST_F(LoggerTest, AdoptedLoggerWritesToTheHostAndRefusesInitAndClose) {
         vyr_set_log_func(nullptr, 0);
         vyr_init_stderr_logger(0);
         EXPECT_EQ(_vyr_register_logger(&ctx), 1);
+        vyr_logger_ctx_t *handed_on = vyr_get_logger_ctx();  // as it would pass to a further image
+        EXPECT_EQ(handed_on->stream, host_stream);
+        vyr_destroy_logger_ctx(handed_on);
         VYR_WARN("[%s] adopted %d", "plugin", 1);
         VYR_LOG(8, "gated");
         EXPECT_EQ(vyr_init_stderr_logger(3) + vyr_init_file_logger("/tmp/vyr_never.log", 3) +
