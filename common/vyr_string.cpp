@@ -26,8 +26,8 @@ inline size_t array_bytes(uint64_t count) {
 }
 
 /* Whole-text conversion with the standard function in base 0 (hex and octal
- * prefixes); refuses a range error at the saturation values, an error with a
- * zero result, nothing consumed, and anything left after the number. A
+ * prefixes); refuses a range error at the saturation values, nothing consumed
+ * (whatever errno says about it), and anything left after the number. A
  * leading minus is left to the unsigned conversions, which wrap it. */
 template <typename T, T (*convert)(const char *, char **, int)>
 bool strict_convert(const char *text, T *out) {
@@ -38,7 +38,6 @@ bool strict_convert(const char *text, T *out) {
     bool saturated = value == std::numeric_limits<T>::max() ||
                      (std::numeric_limits<T>::is_signed && value == std::numeric_limits<T>::min());
     if (errno == ERANGE && saturated) return false;
-    if (errno != 0 && value == 0) return false;
     if (end == text || *end != '\0') return false;
     *out = value;
     return true;
