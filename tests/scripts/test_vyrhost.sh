@@ -22,6 +22,12 @@ expect_failure "vyrhost: the plug-in refused its settings: stoi failed (a settin
     --set tarvik_max_errors=abc
 PHYPROBE_SIM_FAIL_HEADER_RUN=5 expect_failure \
     "vyrhost: initialization failed: no device gave a usable header (header run for arx0 failed with exit status 5; header run for arx1 failed with exit status 5; header run for tdg0 failed with exit status 5)"
+# A second Ctrl-C while header runs hang ends vyrhost at once.
+PHYPROBE_SIM_HANG=10 "$VYRHOST" "${ONESHOT[@]}" >out.txt 2>err.txt &
+pid=$!
+sleep 1 && kill -INT "$pid" && sleep 0.5 && kill -INT "$pid"
+wait_exit "$pid" 2
+expect_eq "130 vyrhost: second signal, exiting without waiting for the plug-in" "$EXIT_STATUS $(cat err.txt)" "second SIGINT"
 # One device without a header is only a note; the others are collected.
 PHYPROBE_SIM_FAIL_HEADER_RUN__tdg0=7 "$VYRHOST" "${ONESHOT[@]}" --count 2 >out.txt 2>err.txt
 expect_eq "0 vyrhost: note: header run for tdg0 failed with exit status 7; that device will not be collected 2" \
