@@ -43,6 +43,18 @@ TEST(JsonSerialize, ScalarsAndEmptyContainers) {
     EXPECT_EQ(vyr_json_serialize(nullptr, 1), nullptr);
 }
 
+// A host running under a decimal-comma locale still gets JSON numbers.
+TEST(JsonSerialize, DecimalPointIgnoresTheThreadLocale) {
+    locale_t comma = vyrtest::unit::built_locale(LC_NUMERIC_MASK, "de_DE", "UTF-8");
+    if (!comma) GTEST_SKIP() << "no locale with a decimal comma available";
+    locale_t previous = uselocale(comma);
+    Json value(json_real(0.5));
+    std::string text = text_of(value.v);
+    uselocale(previous);
+    freelocale(comma);
+    EXPECT_EQ(text, "0.5");
+}
+
 TEST(JsonParse, Inputs) {
     const struct {
         std::string text;
