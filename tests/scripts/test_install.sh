@@ -2,8 +2,8 @@
 # test_install.sh REPO BUILD
 #
 # `cmake --install` into a fresh prefix; a tiny host from outside the project
-# built with pkg-config against what was installed runs against the simulated
-# adapters. The installed vyrhost
+# builds with find_package and with pkg-config against what was installed, and
+# the pkg-config one runs against the simulated adapters. The installed vyrhost
 # loads the library of its own prefix and never one planted where a search
 # could stray (beside the prefix, the working directory, LD_LIBRARY_PATH);
 # without its own library it refuses. The normal build only (label "once").
@@ -13,8 +13,10 @@ PREFIX=$WORK/nest/prefix
 if [ "${VYR_TEST_NAMESPACE:-}" != 1 ]; then
     rm -rf "$WORK" && mkdir -p "$WORK/nest/plant"
     cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" || { cat "$WORK/install.log" && exit 1; }
-    # The host below uses the library, the headers and the .pc file.
-    ls "$PREFIX"/lib/cmake/tarvik_provider/tarvik_provider{Config,ConfigVersion,Targets}.cmake >/dev/null || fail "CMake package"
+    # A project of its own finds the installed CMake package and links to it.
+    { cmake -S "$REPO/tests/scripts/external_host" -B "$WORK/cmake-build" -DCMAKE_PREFIX_PATH="$PREFIX" &&
+        cmake --build "$WORK/cmake-build"; } >"$WORK/cmake.log" 2>&1 ||
+        fail "building the host with find_package: $(tail -20 "$WORK/cmake.log")"
     # Installed under another prefix than the configured one: the .pc file
     # finds its prefix from where it lies.
     flags=$(PKG_CONFIG_PATH=$PREFIX/lib/pkgconfig pkg-config --cflags --libs tarvik_provider) || fail "pkg-config"
