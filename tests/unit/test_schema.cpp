@@ -128,6 +128,11 @@ TEST(SchemaId, TextFormsBlobAndVersions) {
                   std::to_string(vyr_schema_id_is_unset(b)) +
                   std::to_string(vyr_schema_id_is_unset(id)),
               "BLOB_DATA_SCHEMA110");
+    // A missing id orders before any id.
+    EXPECT_EQ(
+        std::make_tuple(vyr_compare_schema_id(nullptr, nullptr), vyr_compare_schema_id(id, nullptr),
+                        vyr_compare_schema_id(nullptr, id)),
+        std::make_tuple(0, 1, -1));
 }
 
 }  // namespace

@@ -92,6 +92,8 @@ TEST(TypeSystem, RefusedTexts) {
         {true, R"({"version":"1.3.9","schemas":[]})",
          failed + "schema version 1.3.9 is incompatible with the deserializer, "
                   "the minimal supported schema version is 1.4.0"},
+        {true, R"({"version":"1.5.0","counters_schema":{"counter_groups":{}}})",
+         failed + "unable to decode counters schema"},
         {true, R"({"version":"1.5.0"})",
          "[schema writer] schema was not recognized as either type system or counters schema"},
         {true,
