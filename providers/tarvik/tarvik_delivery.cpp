@@ -13,25 +13,21 @@ using DeviceMap = std::map<std::string, tarvik_provider_dev_info_t>;
 // begin() to the cursor would cost O(devices) per call, so the iterator is
 // kept together with the cursor value it stands at. It is trusted only while
 // the map is the one it was taken from: same provider, same size, and no
-// device added or removed since (tarvik_delivery_devices_changed). Only the
-// host's thread writes events, so this needs no lock.
+// device added or removed since (tarvik_delivery_devices_changed forgets it).
+// Only the host's thread writes events, so this needs no lock.
 struct ResumePoint {
     const tarvik_provider_t *provider = nullptr;
     uint64_t position = 0;
     size_t count = 0;
-    uint64_t version = 0;
     DeviceMap::iterator it;
 };
 
 ResumePoint g_resume;
-uint64_t g_devices_version = 1;
 
 DeviceMap::iterator start_at(tarvik_provider_t *p, uint64_t position) {
     if (position == 0) return p->devices.begin();
     const ResumePoint &r = g_resume;
-    if (r.provider == p && r.position == position && r.count == p->devices.size() &&
-        r.version == g_devices_version)
-        return r.it;
+    if (r.provider == p && r.position == position && r.count == p->devices.size()) return r.it;
     auto it = p->devices.begin();
     std::advance(it, (long)position);
     return it;
@@ -41,14 +37,12 @@ void remember(tarvik_provider_t *p, DeviceMap::iterator it) {
     g_resume.provider = p;
     g_resume.position = p->next_device;
     g_resume.count = p->devices.size();
-    g_resume.version = g_devices_version;
     g_resume.it = it;
 }
 
 }  // namespace
 
 void tarvik_delivery_devices_changed() {
-    ++g_devices_version;
     g_resume.provider = nullptr;
 }
 

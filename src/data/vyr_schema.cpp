@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string_view>
 #include <unordered_set>
 
@@ -207,7 +208,7 @@ const char **vyr_schema_get_indexed_fields(const vyr_schema_t *schema, uint8_t t
                   (unsigned)type_index);
         return NULL;
     }
-    size_t num_fields = type->num_fields > 0 ? (size_t)type->num_fields : 0;
+    const size_t num_fields = (size_t)std::max<int32_t>(type->num_fields, 0);
     const char **names = (const char **)malloc((num_fields ? num_fields : 1) * sizeof(char *));
     if (!names) {
         VYR_ERROR("[%s %i] malloc failed for %zu fields", "src/data/schema", 235, num_fields);
