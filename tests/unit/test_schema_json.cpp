@@ -116,4 +116,29 @@ TEST(SchemaJsonRead, FormatVersionShapeAndFieldSets) {
     EXPECT_TRUE(log.contains_fragment("Type definition JSON does not match schema '"));
 }
 
+// GUID fields of an event record are hex text when "guid" stands as a word of
+// the name (on unless the environment says otherwise).
+TEST(SchemaJson, EventRecordAsJson) {
+    vyrtest::unit::ScopedEnv env{"VYR_CONVERT_GUID_TO_HEX_STRING", "CONVERT_GUID_TO_HEX_STRING"};
+    vyr_type_system_t *ts = vyr_create_type_system();
+    vyr_schema_t *schema = vyr_type_system_add_schema(ts, "g", 1, nullptr);
+    vyr_type_field_info_t fields[] = {{"GUID", "", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
+                                      {"myguid", "", "uint32_t", VYR_VALUE_ABSOLUTE, 1},
+                                      {"node_guid_0", "", "double", VYR_VALUE_ABSOLUTE, 1},
+                                      {"name", "", "char", VYR_VALUE_ABSOLUTE, 8}};
+    ASSERT_EQ(vyr_schema_add_type(schema, "rec", fields, 4, nullptr), 0);
+    unsigned char record[28] = {};
+    const uint64_t guid = 0x8000000000000abcULL;
+    const uint32_t small = 7;
+    memcpy(record, &guid, 8);
+    memcpy(record + 8, &small, 4);
+    memcpy(record + 12, &guid, 8);
+    memcpy(record + 20, "ab\0zz", 5);
+    Json value(vyr_type_definition_jsonify_data(schema->types[0], record));
+    EXPECT_EQ(
+        text_of(value.v),
+        R"({"GUID":"0x8000000000000abc","myguid":7,"node_guid_0":"0x8000000000000abc","name":"ab"})");
+    vyr_destroy_type_system(ts);
+}
+
 }  // namespace

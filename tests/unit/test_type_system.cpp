@@ -13,6 +13,8 @@ namespace {
 using vyrtest::LogCapture;
 using vyrtest::unit::golden;
 using vyrtest::unit::golden_md5;
+using vyrtest::unit::Json;
+using vyrtest::unit::text_of;
 using vyrtest::unit::texts;
 using Lines = std::vector<std::string>;
 
@@ -75,6 +77,8 @@ TEST(TypeSystem, ReceivedTextsAreHeldOnce) {
     EXPECT_EQ(index * 10 + t.ts->num_schemas, 2553);
     EXPECT_TRUE(log.contains(VYR_LOG_LEVEL_DEBUG, "FOUND COUNTERS SCHEMA"));
     EXPECT_EQ(vyr_type_system_max_type_size(t.ts), 996u);
+    Json counters(vyr_counters_schema_jsonify(t.ts->counters_schema));
+    EXPECT_EQ(text_of(counters.v), R"({"counter_groups":[{"name":"g"}],"size":996})");
 }
 
 // Texts refused by the reader of one schema (nullptr in `whole`) or of a whole type system.
