@@ -122,7 +122,7 @@ TEST(SchemaJson, EventRecordAsJson) {
     vyrtest::unit::ScopedEnv env{"VYR_CONVERT_GUID_TO_HEX_STRING", "CONVERT_GUID_TO_HEX_STRING"};
     vyr_type_system_t *ts = vyr_create_type_system();
     vyr_schema_t *schema = vyr_type_system_add_schema(ts, "g", 1, nullptr);
-    vyr_type_field_info_t fields[] = {{"GUID", "", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
+    vyr_type_field_info_t fields[] = {{"Guid", "", "uint64_t", VYR_VALUE_ABSOLUTE, 1},
                                       {"myguid", "", "uint32_t", VYR_VALUE_ABSOLUTE, 1},
                                       {"node_guid_0", "", "double", VYR_VALUE_ABSOLUTE, 1},
                                       {"name", "", "char", VYR_VALUE_ABSOLUTE, 8}};
@@ -137,7 +137,7 @@ TEST(SchemaJson, EventRecordAsJson) {
     Json value(vyr_type_definition_jsonify_data(schema->types[0], record));
     EXPECT_EQ(
         text_of(value.v),
-        R"({"GUID":"0x8000000000000abc","myguid":7,"node_guid_0":"0x8000000000000abc","name":"ab"})");
+        R"({"Guid":"0x8000000000000abc","myguid":7,"node_guid_0":"0x8000000000000abc","name":"ab"})");
     vyr_destroy_type_system(ts);
 }
 
