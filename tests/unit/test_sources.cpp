@@ -35,8 +35,8 @@ TEST(Source, RangeTextsAndIdentifiers) {
         {"r-a[1-2]", {"", "r-a_1", "r-a_2"}},  // a "-" in the prefix is not the separator
     };
     // "a[1-2" has one bracket, so it is the A-B form and "a[1" does not convert.
-    for (const char *text :
-         {"rack[4-3]", "-3", "0", "", "5 ", "a[1-2", "rack]1-2[", "rack[12]", "99999999999"})
+    for (const char *text : {"rack[4-3]", "-3", "0", "", "5 ", "a[1-2", "1-2]", "rack]1-2[",
+                             "rack[12]", "99999999999"})
         cases.push_back({text, {"<null>"}});
     for (const auto &c : cases) {
         for (auto read :
