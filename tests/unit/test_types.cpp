@@ -90,6 +90,7 @@ TEST(FieldData, ScalarsTextsArraysAndCompounds) {
         // Text arrays: the printable prefix, at most the array's length.
         {"text", "char", 8, "-" + std::string("ab\0cdefg", 8), "\"ab\""},
         {"text", "char", 3, "-\xc3\xa9z", "\"\""},
+        {"text", "char", 3, "-abcz", "\"abc\""},  // a full slot stops at its end
         // Other arrays element by element; compound fields are objects of their type.
         {"vals", "uint32_t", 3, raw<uint32_t>({1, 0xffffffffu, 3}), "[1,4294967295,3]"},
         {"port_guid", "uint64_t", 2, raw<uint64_t>({1, 0xfedcba9876543210ull}),
